@@ -1,0 +1,12 @@
+/* Polybus: the whole public interface. */
+#ifndef POLYBUS_POLYBUS_H
+#define POLYBUS_POLYBUS_H
+
+#include "common.h"
+#include "trace.h"
+#include "usb_device.h"
+#include "gpio.h"
+#include "can.h"
+#include "canfd.h"
+
+#endif

@@ -1,0 +1,262 @@
+// Discovery, handles, opening and reconnecting. All libusb work shares one context.
+#include "transport/usb_device.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "polybus/usb_device.h"
+#include "transport/lock.h"
+
+extern "C" {
+POLYBUS_API int DevHandle[POLYBUS_DEVHANDLE_SLOTS];
+POLYBUS_API void* UsbDevList[POLYBUS_DEVHANDLE_SLOTS];
+}
+
+namespace {
+libusb_context* ctx = nullptr;
+int usb_init_flag = 0;
+libusb_device** scan_devices = nullptr;   // device array of the last scan
+libusb_device** retry_devices = nullptr;  // device array of the last reconnect search
+
+constexpr uint16_t kVendor = 0x0483;
+constexpr uint16_t kProduct = 0x7918;  // and 0x7919: compared with bit 0 masked off
+
+bool is_adapter_descriptor(const libusb_device_descriptor& d) {
+    return d.idVendor == kVendor && (d.idProduct & 0xFFFE) == kProduct;
+}
+
+bool manufacturer_accepted(const unsigned char* text, int len) {
+    if (len < 11) return false;
+    return std::strcmp(reinterpret_cast<const char*>(text), POLYBUS_MANUFACTURER_1) == 0 ||
+           std::strcmp(reinterpret_cast<const char*>(text), POLYBUS_MANUFACTURER_2) == 0;
+}
+
+void close_entry_handle(UsbDevNode* node) {
+    if (node != nullptr && node->handle != nullptr) {
+        libusb_close(node->handle);
+        node->handle = nullptr;
+    }
+}
+
+// Drops everything the previous context owned, so that a re-initialisation after a
+// reset starts from an empty list without leaking handles, lists or the context.
+void teardown_context() {
+    for (int i = 0; UsbDevNode* n = usb_list_post_with_index(i); ++i) close_entry_handle(n);
+    usb_list_clear();
+    if (scan_devices != nullptr) libusb_free_device_list(scan_devices, 1);
+    if (retry_devices != nullptr) libusb_free_device_list(retry_devices, 1);
+    scan_devices = nullptr;
+    retry_devices = nullptr;
+    if (ctx != nullptr) libusb_exit(ctx);
+    ctx = nullptr;
+}
+}  // namespace
+
+int close_device(libusb_device_handle* handle) {
+    if (handle != nullptr) libusb_close(handle);
+    return 1;
+}
+
+int check_device(libusb_device* dev, uint8_t* id_out, uint8_t* id_len_out, libusb_device_handle** handle_out) {
+    if (handle_out != nullptr) *handle_out = nullptr;
+    if (id_len_out != nullptr) *id_len_out = 0;
+    UsbDevNode* known = usb_list_post_with_dev(dev);
+    if (known != nullptr && known->handle != nullptr) {
+        lock(static_cast<int>(known->DevHandle));
+        close_entry_handle(known);
+        unlock(static_cast<int>(known->DevHandle));
+    }
+    libusb_device_handle* h = nullptr;
+    if (libusb_open(dev, &h) != 0 || h == nullptr) return 0;
+    libusb_reset_device(h);
+    libusb_device_descriptor desc{};
+    if (libusb_get_device_descriptor(dev, &desc) != 0) {
+        libusb_close(h);
+        return 0;
+    }
+    unsigned char text[256] = {0};
+    int n = libusb_get_string_descriptor_ascii(h, desc.iManufacturer, text, sizeof(text) - 1);
+    if (!manufacturer_accepted(text, n)) {
+        libusb_close(h);
+        return 0;
+    }
+    uint8_t id[4] = {0};
+    int got = libusb_control_transfer(h, 0xC1, 0x50, 0, 0, id, 4, 100);
+    if (id_out != nullptr) std::memcpy(id_out, id, 4);
+    if (id_len_out != nullptr) *id_len_out = got == 4 ? 4 : 0;
+    const uint32_t ident = uint32_t{id[0]} | uint32_t{id[1]} << 8 | uint32_t{id[2]} << 16 | uint32_t{id[3]} << 24;
+    lock(static_cast<int>(ident));
+    libusb_close(h);
+    unlock(static_cast<int>(ident));
+    return 1;
+}
+
+int retry_connect_dev(int handle) {
+    UsbDevNode* node = usb_list_post(static_cast<uint32_t>(handle));
+    if (node == nullptr || ctx == nullptr) return 0;
+    if (retry_devices != nullptr) libusb_free_device_list(retry_devices, 1);
+    retry_devices = nullptr;
+    ssize_t count = libusb_get_device_list(ctx, &retry_devices);
+    if (count < 0) {
+        retry_devices = nullptr;
+        return 0;
+    }
+    libusb_device* match = nullptr;
+    for (ssize_t i = 0; i < count; ++i) {
+        libusb_device_descriptor desc{};
+        if (libusb_get_device_descriptor(retry_devices[i], &desc) != 0) return 0;
+        if (!is_adapter_descriptor(desc)) continue;
+        if (libusb_get_bus_number(retry_devices[i]) == node->bus &&
+            libusb_get_device_address(retry_devices[i]) == node->address) {
+            match = retry_devices[i];
+            break;
+        }
+    }
+    if (match == nullptr) return 0;
+    // A handle left from before the device vanished is dead; do not leak it.
+    close_entry_handle(node);
+    if (libusb_open(match, &node->handle) != 0) {
+        node->handle = nullptr;
+        return 0;
+    }
+    return libusb_claim_interface(node->handle, 0) == 0 ? 1 : 0;
+}
+
+void del_dead_device() {
+    std::vector<UsbDevNode*> entries;
+    for (int i = 0; UsbDevNode* n = usb_list_post_with_index(i); ++i) entries.push_back(n);
+    for (UsbDevNode* e : entries) {
+        if (retry_connect_dev(static_cast<int>(e->DevHandle))) {
+            close_entry_handle(e);
+        } else {
+            close_entry_handle(e);
+            usb_list_del(e);
+        }
+    }
+}
+
+int scan_dev(int* pDevHandle) {
+    lock_all();
+    if (usb_init_flag == 0) {
+        teardown_context();
+        usb_list_init();
+        int rc = libusb_init(&ctx);
+        if (rc < 0) {
+            ctx = nullptr;
+            unlock_all();
+            return rc;
+        }
+        libusb_set_option(ctx, LIBUSB_OPTION_LOG_LEVEL, LIBUSB_LOG_LEVEL_NONE);
+        usb_init_flag = 1;
+    }
+    if (scan_devices != nullptr) libusb_free_device_list(scan_devices, 1);
+    scan_devices = nullptr;
+    ssize_t count = libusb_get_device_list(ctx, &scan_devices);
+    if (count < 0) {
+        scan_devices = nullptr;
+        unlock_all();
+        return static_cast<int>(count);
+    }
+    for (ssize_t i = 0; i < count; ++i) {
+        libusb_device* dev = scan_devices[i];
+        libusb_device_descriptor desc{};
+        int rc = libusb_get_device_descriptor(dev, &desc);
+        if (rc != 0) {
+            unlock_all();
+            return rc;
+        }
+        if (!is_adapter_descriptor(desc)) continue;
+        uint8_t id[4] = {0};
+        uint8_t id_len = 0;
+        libusb_device_handle* unused = nullptr;
+        if (!check_device(dev, id, &id_len, &unused)) continue;
+        const uint8_t bus = libusb_get_bus_number(dev);
+        const uint8_t address = libusb_get_device_address(dev);
+        const uint32_t handle = id_len == 4
+            ? (uint32_t{id[0]} | uint32_t{id[1]} << 8 | uint32_t{id[2]} << 16 | uint32_t{id[3]} << 24)
+            : (uint32_t{bus} << 8 | address);
+        if (UsbDevNode* node = usb_list_post(handle)) {
+            close_entry_handle(node);
+            node->dev = dev;
+            node->DevHandle = handle;
+            node->bus = bus;
+            node->address = address;
+            continue;
+        }
+        auto* node = static_cast<UsbDevNode*>(std::calloc(1, sizeof(UsbDevNode)));
+        if (node == nullptr) continue;
+        node->dev = dev;
+        node->DevHandle = handle;
+        node->bus = bus;
+        node->address = address;
+        usb_list_add(node);
+    }
+    del_dead_device();
+    std::vector<uint32_t> handles(static_cast<size_t>(usb_list_length()) + 1);
+    int n = usb_list_get_devnums(handles.data());
+    if (pDevHandle != nullptr)
+        for (int i = 0; i < n; ++i) pDevHandle[i] = static_cast<int>(handles[static_cast<size_t>(i)]);
+    unlock_all();
+    return n;
+}
+
+int rescan_dev(int* pDevHandle) { return scan_dev(pDevHandle); }
+
+int open_dev(int handle) {
+    UsbDevNode* node = usb_list_post(static_cast<uint32_t>(handle));
+    if (node == nullptr || node->dev == nullptr) return 0;
+    lock_all();
+    int ok = 0;
+    uint8_t id[4];
+    uint8_t id_len = 0;
+    libusb_device_handle* unused = nullptr;
+    if (check_device(node->dev, id, &id_len, &unused)) {
+        close_entry_handle(node);
+        if (libusb_open(node->dev, &node->handle) == 0) {
+            if (libusb_claim_interface(node->handle, 0) == 0) ok = 1;
+            else close_entry_handle(node);
+        } else {
+            node->handle = nullptr;
+        }
+    }
+    unlock_all();
+    return ok;
+}
+
+int close_dev(int handle) {
+    UsbDevNode* node = usb_list_post(static_cast<uint32_t>(handle));
+    if (node == nullptr || node->dev == nullptr || node->handle == nullptr) return 0;
+    libusb_release_interface(node->handle, 0);
+    close_entry_handle(node);
+    return 1;
+}
+
+int reset_dev(int handle) {
+    usb_init_flag = 0;
+    int ok = 0;
+    lock(handle);
+    UsbDevNode* node = usb_list_post(static_cast<uint32_t>(handle));
+    if (node != nullptr && node->handle != nullptr)
+        ok = libusb_control_transfer(node->handle, 0x41, 0x60, 0, 0, nullptr, 0, 100) == 0 ? 1 : 0;
+    unlock(handle);
+    return ok;
+}
+
+extern "C" {
+
+POLYBUS_API int USB_ScanDevice(int* pDevHandle) { return scan_dev(pDevHandle); }
+
+POLYBUS_API bool USB_OpenDevice(int handle) {
+    if (!open_dev(handle)) return false;
+    DEVICE_INFO info;
+    char function_string[POLYBUS_FUNCTION_STRING_SIZE];
+    return DEV_GetDeviceInfo(handle, &info, function_string);
+}
+
+POLYBUS_API bool USB_CloseDevice(int handle) { return close_dev(handle) != 0; }
+POLYBUS_API bool USB_ResetDevice(int handle) { return reset_dev(handle) != 0; }
+
+POLYBUS_API bool USB_RetryConnect(int handle) { return retry_connect_dev(handle) != 0; }
+
+}  // extern "C"

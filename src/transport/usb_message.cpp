@@ -1,0 +1,209 @@
+#include "transport/usb_message.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <libusb.h>
+#include <memory>
+
+#include "polybus/trace.h"
+#include "transport/bytes.h"
+#include "transport/usb_device.h"
+
+using polybus::get_be32;
+using polybus::put_be32;
+
+namespace {
+
+struct TraceHook {
+    POLYBUS_TRACE_CALLBACK callback;
+    void* user;
+};
+std::atomic<const TraceHook*> g_trace{nullptr};
+TraceHook g_trace_slots[2];
+int g_trace_next = 0;
+
+void trace(int dev, int kind, int ep, uint32_t cmd, uint32_t len, const uint8_t* data, uint32_t data_len,
+           int timeout, int result) {
+    const TraceHook* hook = g_trace.load(std::memory_order_acquire);
+    if (hook == nullptr) return;
+    POLYBUS_TRACE_EVENT ev{dev, kind, ep, cmd, len, data, data_len, timeout, result};
+    hook->callback(&ev, hook->user);
+}
+
+libusb_device_handle* open_handle_of(int DevHandle) {
+    UsbDevNode* node = usb_list_post(static_cast<uint32_t>(DevHandle));
+    if (node == nullptr || node->dev == nullptr) return nullptr;
+    return node->handle;
+}
+
+// Frames up to this size are built on the stack; larger ones go to the heap.
+constexpr size_t kStackFrame = 512;
+
+template <typename Write>
+int send_framed(int DevHandle, USB_MSG* msg, int TimeOutMs, int kind, int ep, Write&& write) {
+    if (msg == nullptr) return -2;
+    const size_t total = size_t{msg->Length} + 8;
+    uint8_t stack_buf[kStackFrame];
+    std::unique_ptr<uint8_t[]> heap;
+    uint8_t* frame = stack_buf;
+    if (total > kStackFrame) {
+        heap.reset(new (std::nothrow) uint8_t[total]);
+        if (!heap) return -4;
+        frame = heap.get();
+    }
+    put_be32(frame, msg->Command);
+    put_be32(frame + 4, msg->Length);
+    if (msg->Length != 0 && msg->Data != nullptr) std::memcpy(frame + 8, msg->Data, msg->Length);
+    else if (msg->Length != 0) std::memset(frame + 8, 0, msg->Length);
+    int ok = write(frame, static_cast<int>(total));
+    int result = ok ? 0 : -2;
+    trace(DevHandle, kind, ep, msg->Command, msg->Length, frame + 8, msg->Length, TimeOutMs, result);
+    return result;
+}
+
+}  // namespace
+
+extern "C" POLYBUS_API void USB_SetTraceCallback(POLYBUS_TRACE_CALLBACK callback, void* user) {
+    // Two alternating slots let a reader that loaded the old hook finish with it while a
+    // new one is installed; replacing hooks faster than a callback runs is not supported.
+    static std::atomic_flag busy = ATOMIC_FLAG_INIT;
+    while (busy.test_and_set(std::memory_order_acquire)) {
+    }
+    if (callback == nullptr) {
+        g_trace.store(nullptr, std::memory_order_release);
+    } else {
+        TraceHook* slot = &g_trace_slots[g_trace_next];
+        g_trace_next ^= 1;
+        slot->callback = callback;
+        slot->user = user;
+        g_trace.store(slot, std::memory_order_release);
+    }
+    busy.clear(std::memory_order_release);
+}
+
+int MSG_Send(int DevHandle, USB_MSG* msg, int TimeOutMs) {
+    return send_framed(DevHandle, msg, TimeOutMs, POLYBUS_TRACE_SEND, 0x01, [&](uint8_t* f, int n) {
+        return USBBulkWriteData(DevHandle, 0x01, f, n, TimeOutMs);
+    });
+}
+
+int MSG_SendInt(int DevHandle, USB_MSG* msg, int TimeOutMs) {
+    return send_framed(DevHandle, msg, TimeOutMs, POLYBUS_TRACE_SEND_INT, 0x02, [&](uint8_t* f, int n) {
+        return USBIntWriteData(DevHandle, 0x02, f, n, TimeOutMs);
+    });
+}
+
+int CANFD_MSG_Send(int DevHandle, int channel, USB_MSG* msg, int TimeOutMs) {
+    static const int endpoints[2] = {1, 2};
+    const int ep = endpoints[channel & 1];
+    return send_framed(DevHandle, msg, TimeOutMs, POLYBUS_TRACE_SEND, ep, [&](uint8_t* f, int n) {
+        return USBBulkWriteData(DevHandle, ep, f, n, TimeOutMs);
+    });
+}
+
+namespace {
+// Reads and discards `remaining` payload bytes in bounded pieces, stopping at the
+// first failed or short read (the adapter sent less than it announced).
+void drain(int DevHandle, size_t remaining, int TimeOutMs) {
+    constexpr size_t kPiece = 16384;
+    std::unique_ptr<uint8_t[]> scratch(new (std::nothrow) uint8_t[kPiece]);
+    if (!scratch) return;
+    while (remaining > 0) {
+        int piece = static_cast<int>(remaining < kPiece ? remaining : kPiece);
+        if (USBBulkReadData(DevHandle, 0x81, scratch.get(), piece, TimeOutMs) != piece) return;
+        remaining -= static_cast<size_t>(piece);
+    }
+}
+
+int get_header(int DevHandle, USB_MSG* msg, int TimeOutMs) {
+    uint8_t header[8];
+    if (USBBulkReadData(DevHandle, 0x81, header, 8, TimeOutMs) != 8) {
+        trace(DevHandle, POLYBUS_TRACE_GET, 0x81, 0, 0, nullptr, 0, TimeOutMs, -3);
+        return -3;
+    }
+    msg->Command = get_be32(header);
+    msg->Length = get_be32(header + 4);
+    return 0;
+}
+}  // namespace
+
+int MSG_GetBounded(int DevHandle, USB_MSG* msg, size_t capacity, size_t* received, int TimeOutMs) {
+    if (received != nullptr) *received = 0;
+    if (msg == nullptr) return -3;
+    if (get_header(DevHandle, msg, TimeOutMs) != 0) return -3;
+    const int32_t announced = static_cast<int32_t>(msg->Length);
+    size_t got = 0;
+    if (announced > 0) {
+        const size_t total = static_cast<size_t>(announced);
+        const size_t direct = msg->Data != nullptr ? (total < capacity ? total : capacity) : 0;
+        bool complete = true;
+        if (direct > 0) {
+            int r = USBBulkReadData(DevHandle, 0x81, msg->Data, static_cast<int>(direct), TimeOutMs);
+            // A short read still stored what came; libusb reports only a code, so what
+            // landed beyond a failed read is unknown and counted as nothing.
+            complete = r == static_cast<int>(direct);
+            got = complete ? direct : 0;
+        }
+        if (complete && total > direct) drain(DevHandle, total - direct, TimeOutMs);
+    }
+    if (received != nullptr) *received = got;
+    trace(DevHandle, POLYBUS_TRACE_GET, 0x81, msg->Command, msg->Length, msg->Data, static_cast<uint32_t>(got),
+          TimeOutMs, 0);
+    return 0;
+}
+
+int MSG_Get(int DevHandle, USB_MSG* msg, int TimeOutMs) {
+    if (msg == nullptr) return -3;
+    if (msg->Data != nullptr) {
+        // The caller promised room for whatever this command can answer.
+        return MSG_GetBounded(DevHandle, msg, SIZE_MAX, nullptr, TimeOutMs);
+    }
+    return MSG_GetBounded(DevHandle, msg, 0, nullptr, TimeOutMs);
+}
+
+int USBBulkWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs) {
+    libusb_device_handle* h = open_handle_of(DevHandle);
+    if (h == nullptr || len < 0) return 0;
+    int transferred = 0;
+    int rc = libusb_bulk_transfer(h, static_cast<unsigned char>(ep), data, len, &transferred,
+                                  static_cast<unsigned>(TimeOutMs));
+    if (rc != 0 || transferred != len) return 0;
+    // The adapter sees the end of a frame only at a short packet: a frame that fills
+    // its last packet exactly is followed by a zero-length one.
+    UsbDevNode* node = usb_list_post(static_cast<uint32_t>(DevHandle));
+    const int packet = libusb_get_device_speed(node->dev) == LIBUSB_SPEED_HIGH ? 512 : 64;
+    if (len % packet == 0) {
+        int zl = 0;
+        libusb_bulk_transfer(h, static_cast<unsigned char>(ep), data, 0, &zl, static_cast<unsigned>(TimeOutMs));
+    }
+    return 1;
+}
+
+int USBBulkReadData(int DevHandle, int ep, void* data, int len, int TimeOutMs) {
+    libusb_device_handle* h = open_handle_of(DevHandle);
+    if (h == nullptr || len < 0) return 0;
+    int transferred = 0;
+    int rc = libusb_bulk_transfer(h, static_cast<unsigned char>(ep | 0x80), static_cast<unsigned char*>(data), len,
+                                  &transferred, static_cast<unsigned>(TimeOutMs));
+    if (rc == 0 && transferred == len) return len;
+    (void)libusb_strerror(rc);
+    return rc;
+}
+
+int USBIntWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs) {
+    libusb_device_handle* h = open_handle_of(DevHandle);
+    if (h == nullptr || len < 0) return 0;
+    int transferred = 0;
+    int rc = libusb_interrupt_transfer(h, static_cast<unsigned char>(ep), data, len, &transferred,
+                                       static_cast<unsigned>(TimeOutMs));
+    return rc == 0 && transferred == len ? 1 : 0;
+}
+
+int USBCtrlData(int DevHandle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
+                unsigned char* data, uint16_t wLength, unsigned TimeOutMs) {
+    libusb_device_handle* h = open_handle_of(DevHandle);
+    if (h == nullptr) return 0;
+    int rc = libusb_control_transfer(h, bmRequestType, bRequest, wValue, wIndex, data, wLength, TimeOutMs);
+    return rc == static_cast<int>(wLength) ? 1 : 0;
+}

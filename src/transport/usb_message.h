@@ -1,0 +1,27 @@
+// Command framing and the USB transfer wrappers beneath it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct USB_MSG {
+    uint32_t Command;
+    uint32_t Length;
+    unsigned char* Data;
+};
+
+int MSG_Send(int DevHandle, USB_MSG* msg, int TimeOutMs);
+int MSG_SendInt(int DevHandle, USB_MSG* msg, int TimeOutMs);
+int CANFD_MSG_Send(int DevHandle, int channel, USB_MSG* msg, int TimeOutMs);
+int MSG_Get(int DevHandle, USB_MSG* msg, int TimeOutMs);
+
+// MSG_Get for a caller buffer of known capacity: at most `capacity` payload bytes land
+// in msg->Data, anything the adapter sends beyond that is read and thrown away so the
+// pipe stays in step. `received` gets the number of payload bytes stored.
+int MSG_GetBounded(int DevHandle, USB_MSG* msg, size_t capacity, size_t* received, int TimeOutMs);
+
+int USBBulkWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs);
+int USBBulkReadData(int DevHandle, int ep, void* data, int len, int TimeOutMs);
+int USBIntWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs);
+int USBCtrlData(int DevHandle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
+                unsigned char* data, uint16_t wLength, unsigned TimeOutMs);
