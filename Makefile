@@ -1,0 +1,60 @@
+# Quick start:  make demo   (runs the demo against a simulated adapter)
+#               make test   (builds and runs every test, also under sanitizers)
+# Both install the Debian packages they need when missing (as root, with apt-get).
+
+BUILD ?= build
+JOBS ?= $(shell nproc)
+PACKAGES = cmake g++ make pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libglib2.0-dev \
+           libgtest-dev valgrind clang
+CMAKE_FLAGS ?=
+
+.PHONY: all deps build demo test test-plain test-asan test-tsan bench fuzz install clean
+
+all: build
+
+deps:
+	@missing=""; for p in $(PACKAGES); do \
+	  dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
+	  $$SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq $$missing >/dev/null; \
+	fi
+
+$(BUILD)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j$(JOBS)
+
+demo: build
+	$(BUILD)/polybus-sim -- $(BUILD)/polybus-demo
+
+test: test-plain test-asan test-tsan
+
+test-plain: build
+	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+
+test-asan: deps
+	cmake -S . -B $(BUILD)-asan -DPOLYBUS_SANITIZE=address,undefined -DPOLYBUS_BENCH=OFF
+	cmake --build $(BUILD)-asan -j$(JOBS)
+	cd $(BUILD)-asan && ctest --output-on-failure -j$(JOBS)
+
+# The threaded tests (label "threaded") under ThreadSanitizer.
+test-tsan: deps
+	cmake -S . -B $(BUILD)-tsan -DPOLYBUS_SANITIZE=thread -DPOLYBUS_BENCH=OFF
+	cmake --build $(BUILD)-tsan -j$(JOBS)
+	cd $(BUILD)-tsan && ctest --output-on-failure -L threaded
+
+bench: build
+	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b || exit 1; done
+
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD)-fuzz -DPOLYBUS_FUZZ=ON -DPOLYBUS_TESTS=OFF -DPOLYBUS_BENCH=OFF -DPOLYBUS_SIM=OFF
+	cmake --build $(BUILD)-fuzz -j$(JOBS)
+
+install: build
+	cmake --install $(BUILD)
+
+clean:
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz

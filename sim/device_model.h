@@ -1,0 +1,49 @@
+// Device information and the adapter's three storage areas.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "adapter.h"
+
+namespace polybus_sim {
+
+class DeviceModel : public FamilyModel {
+public:
+    explicit DeviceModel(Adapter& adapter);
+
+    static constexpr size_t kUserDataSize = 64 * 1024;
+    static constexpr size_t kScheduleSize = 256 * 1024;
+    static constexpr size_t kConfigSize = 64 * 1024;
+
+    // Test access to the storage areas (copies, under the model's lock).
+    std::vector<uint8_t> user_data();
+    std::vector<uint8_t> schedule_data();
+    std::vector<uint8_t> config_area();
+    void set_config_area(const std::vector<uint8_t>& area);
+    // The next `count` configuration-area commands answer with this status byte.
+    void force_config_status(uint8_t status, int count = 1);
+    uint8_t power_level();
+    // Bytes stored in the schedule area since the last erase.
+    size_t schedule_bytes();
+
+private:
+    void config_command(const Frame& f);
+    uint8_t next_config_status();
+
+    Adapter& adapter_;
+    std::mutex mutex_;
+    std::vector<uint8_t> user_;
+    std::vector<uint8_t> schedule_;
+    std::vector<uint8_t> config_;
+    uint8_t power_ = 0;
+    size_t schedule_used_ = 0;
+    // The firmware places consecutive full chunks of one transfer itself.
+    uint32_t sch_write_addr_ = 0xFFFFFFFF, sch_write_cursor_ = 0;
+    uint32_t sch_read_addr_ = 0xFFFFFFFF, sch_read_cursor_ = 0;
+    uint8_t forced_status_ = 0;
+    int forced_count_ = 0;
+};
+
+}  // namespace polybus_sim

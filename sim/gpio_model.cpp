@@ -1,0 +1,93 @@
+#include "gpio_model.h"
+
+namespace polybus_sim {
+
+GpioModel::GpioModel(Adapter& a) : adapter_(a) {
+    a.on(0x0600, [this](const Frame& f) { configure(f, Mode::Input); });
+    a.on(0x0601, [this](const Frame& f) { configure(f, Mode::Output); });
+    a.on(0x0602, [this](const Frame& f) { configure(f, Mode::OpenDrain); });
+    a.on(0x0603, [this](const Frame& f) {
+        const uint32_t mask = f.be32(0), value = f.be32(4);
+        {
+            std::lock_guard<std::mutex> g(mutex_);
+            latch_ = (latch_ & ~mask) | (value & mask);
+        }
+        adapter_.answer(f.command);
+    });
+    a.on(0x0604, [this](const Frame& f) {
+        const uint32_t mask = f.be32(0);
+        uint32_t levels = 0;
+        {
+            std::lock_guard<std::mutex> g(mutex_);
+            for (int pin = 0; pin < 32; ++pin) {
+                const uint32_t bit = 1u << pin;
+                bool high = false;
+                switch (modes_[pin]) {
+                    case Mode::Input: high = external_ & bit; break;
+                    case Mode::Output: high = latch_ & bit; break;
+                    case Mode::OpenDrain: high = (latch_ & bit) && (external_ & bit); break;
+                }
+                if (high) levels |= bit;
+            }
+        }
+        adapter_.answer(f.command, Payload().be32(levels & mask));
+    });
+    a.on(0x0806, [this](const Frame& f) {
+        PulseTrain t{f.be32(0), f.be32(4), f.be32(8), f.be32(12)};
+        double scale;
+        {
+            std::lock_guard<std::mutex> g(mutex_);
+            trains_.push_back(t);
+            scale = time_scale_;
+        }
+        // The firmware answers only once the last pulse is out.
+        const double us = double(t.period_us) * double(t.count) * scale;
+        const uint32_t code = f.command;
+        adapter_.after(std::chrono::microseconds(static_cast<int64_t>(us)), [this, code] { adapter_.answer(code); });
+    });
+}
+
+void GpioModel::configure(const Frame& f, Mode mode) {
+    const uint32_t mask = f.be32(0);
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        for (int pin = 0; pin < 32; ++pin) {
+            if (!(mask & (1u << pin))) continue;
+            modes_[pin] = mode;
+            pulls_[pin] = f.u8(4);
+        }
+    }
+    adapter_.answer(f.command);
+}
+
+void GpioModel::drive(uint32_t mask, uint32_t levels) {
+    std::lock_guard<std::mutex> g(mutex_);
+    external_ = (external_ & ~mask) | (levels & mask);
+}
+uint32_t GpioModel::outputs() {
+    std::lock_guard<std::mutex> g(mutex_);
+    return latch_;
+}
+GpioModel::Mode GpioModel::mode(int pin) {
+    std::lock_guard<std::mutex> g(mutex_);
+    return modes_[pin & 31];
+}
+uint8_t GpioModel::pull(int pin) {
+    std::lock_guard<std::mutex> g(mutex_);
+    return pulls_[pin & 31];
+}
+std::vector<GpioModel::PulseTrain> GpioModel::pulse_trains() {
+    std::lock_guard<std::mutex> g(mutex_);
+    return trains_;
+}
+void GpioModel::set_time_scale(double scale) {
+    std::lock_guard<std::mutex> g(mutex_);
+    time_scale_ = scale;
+}
+void GpioModel::reset() {
+    std::lock_guard<std::mutex> g(mutex_);
+    for (auto& m : modes_) m = Mode::Input;
+    latch_ = 0;
+}
+
+}  // namespace polybus_sim

@@ -1,0 +1,44 @@
+// 32 general-purpose pins: outputs read back what was written, inputs read the level
+// the test bench drives, open-drain pins read low when either side pulls low.
+#pragma once
+
+#include <mutex>
+#include <vector>
+
+#include "adapter.h"
+
+namespace polybus_sim {
+
+class GpioModel : public FamilyModel {
+public:
+    explicit GpioModel(Adapter& adapter);
+
+    enum class Mode : uint8_t { Input, Output, OpenDrain };
+    struct PulseTrain {
+        uint32_t mask, width_us, period_us, count;
+    };
+
+    // Level the outside world drives onto the pins of `mask`.
+    void drive(uint32_t mask, uint32_t levels);
+    uint32_t outputs();                // the output latch
+    Mode mode(int pin);
+    uint8_t pull(int pin);             // the mode byte last given for the pin
+    std::vector<PulseTrain> pulse_trains();
+    // Pulse trains take their real duration multiplied by this (0: answer at once).
+    void set_time_scale(double scale);
+    void reset() override;
+
+private:
+    void configure(const Frame& f, Mode mode);
+
+    Adapter& adapter_;
+    std::mutex mutex_;
+    Mode modes_[32] = {};
+    uint8_t pulls_[32] = {};
+    uint32_t latch_ = 0;
+    uint32_t external_ = 0xFFFFFFFF;  // undriven inputs float high (pull-ups)
+    std::vector<PulseTrain> trains_;
+    double time_scale_ = 1.0;
+};
+
+}  // namespace polybus_sim

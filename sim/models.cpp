@@ -1,0 +1,13 @@
+// Every family model a simulated adapter carries.
+#include "adapter.h"
+#include "device_model.h"
+#include "gpio_model.h"
+
+namespace polybus_sim {
+
+void install_models(Adapter& adapter) {
+    adapter.model<DeviceModel>();
+    adapter.model<GpioModel>();
+}
+
+}  // namespace polybus_sim

@@ -1,0 +1,63 @@
+// Shared set-up for end-to-end tests: simulated adapters plugged into this process,
+// scanned and opened through the library, and a record of the transport trace.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "adapter.h"
+#include "polybus/polybus.h"
+
+namespace polybus_test {
+
+struct TraceEntry {
+    int kind;
+    int endpoint;
+    uint32_t command;
+    uint32_t length;
+    std::vector<uint8_t> data;
+    int timeout_ms;
+    int result;
+};
+
+// Collects the library's transport trace while it is alive.
+class TraceLog {
+public:
+    TraceLog();
+    ~TraceLog();
+    std::vector<TraceEntry> entries();
+    // Requests only (sends), in order.
+    std::vector<TraceEntry> sends();
+    std::vector<TraceEntry> gets();
+    void clear();
+
+private:
+    static void on_event(const POLYBUS_TRACE_EVENT* ev, void* user);
+    std::mutex mutex_;
+    std::vector<TraceEntry> entries_;
+};
+
+// Plugs one adapter (adapter_config() decides which), scans and opens it.
+class SimTest : public ::testing::Test {
+protected:
+    virtual polybus_sim::AdapterConfig adapter_config() { return {}; }
+    void SetUp() override;
+    void TearDown() override;
+
+    template <typename Model>
+    Model& model() {
+        return adapter->model<Model>();
+    }
+
+    std::shared_ptr<polybus_sim::Adapter> adapter;
+    int handle = 0;
+    std::unique_ptr<TraceLog> trace;
+};
+
+// Scans and returns the handles found.
+std::vector<int> scan();
+
+}  // namespace polybus_test
