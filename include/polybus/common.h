@@ -28,7 +28,13 @@
 #else
 #define POLYBUS_BEGIN_DECLS
 #define POLYBUS_END_DECLS
+#if defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define POLYBUS_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#elif defined(__GNUC__)
+#define POLYBUS_STATIC_ASSERT(cond, msg) __extension__ _Static_assert(cond, msg)
+#else
+#define POLYBUS_STATIC_ASSERT(cond, msg)
+#endif
 #endif
 
 #define POLYBUS_OK 0

@@ -169,11 +169,8 @@ int USBBulkWriteData(int DevHandle, int ep, unsigned char* data, int len, int Ti
     int rc = libusb_bulk_transfer(h, static_cast<unsigned char>(ep), data, len, &transferred,
                                   static_cast<unsigned>(TimeOutMs));
     if (rc != 0 || transferred != len) return 0;
-    // The adapter sees the end of a frame only at a short packet: a frame that fills
-    // its last packet exactly is followed by a zero-length one.
     UsbDevNode* node = usb_list_post(static_cast<uint32_t>(DevHandle));
-    const int packet = libusb_get_device_speed(node->dev) == LIBUSB_SPEED_HIGH ? 512 : 64;
-    if (len % packet == 0) {
+    if (frame_needs_zlp(len, libusb_get_device_speed(node->dev) == LIBUSB_SPEED_HIGH)) {
         int zl = 0;
         libusb_bulk_transfer(h, static_cast<unsigned char>(ep), data, 0, &zl, static_cast<unsigned>(TimeOutMs));
     }

@@ -20,6 +20,10 @@ int MSG_Get(int DevHandle, USB_MSG* msg, int TimeOutMs);
 // pipe stays in step. `received` gets the number of payload bytes stored.
 int MSG_GetBounded(int DevHandle, USB_MSG* msg, size_t capacity, size_t* received, int TimeOutMs);
 
+// The adapter sees the end of a frame only at a short packet, so a frame that fills
+// its last packet exactly (or is empty) must be followed by a zero-length packet.
+inline bool frame_needs_zlp(int len, bool high_speed) { return len % (high_speed ? 512 : 64) == 0; }
+
 int USBBulkWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs);
 int USBBulkReadData(int DevHandle, int ep, void* data, int len, int TimeOutMs);
 int USBIntWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs);
