@@ -47,7 +47,8 @@ test-tsan: deps
 	cd $(BUILD)-tsan && ctest --output-on-failure -L threaded
 
 bench: build
-	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b || exit 1; done
+	@for b in $(BUILD)/bench/bench_*; do [ -x $$b ] || continue; echo "== $$b"; $$b || exit 1; done
+	bench/exchange_instructions.sh $(BUILD)/bench/bench_exchange
 
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(BUILD)-fuzz -DPOLYBUS_FUZZ=ON -DPOLYBUS_TESTS=OFF -DPOLYBUS_BENCH=OFF -DPOLYBUS_SIM=OFF

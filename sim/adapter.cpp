@@ -61,6 +61,7 @@ int Adapter::control(const ControlSetup& setup, uint8_t* data) {
 }
 
 void Adapter::out(uint8_t ep, bool interrupt, const uint8_t* data, size_t len) {
+    if (len == 0) ++zlps_;
     std::vector<Frame> frames;
     {
         std::lock_guard<std::mutex> g(mutex_);
@@ -142,6 +143,9 @@ void Adapter::answer(uint32_t command, const std::vector<uint8_t>& payload) {
     switch (fault) {
         case Fault::NoAnswer:
             return;
+        case Fault::EmptyPayload:
+            transfers.push_back(header_of(command, 0));
+            break;
         case Fault::ShortPayload: {
             transfers.push_back(header_of(command, static_cast<uint32_t>(payload.size())));
             std::vector<uint8_t> half(payload.begin(), payload.begin() + payload.size() / 2);
@@ -173,6 +177,11 @@ void Adapter::answer(uint32_t command, const std::vector<uint8_t>& payload) {
             return;
     }
     UsbHost::instance().queue_in(port, std::move(transfers));
+}
+
+void Adapter::send_raw(std::vector<std::vector<uint8_t>> transfers) {
+    const int port = port_.load();
+    if (port >= 0) UsbHost::instance().queue_in(port, std::move(transfers));
 }
 
 void Adapter::after(std::chrono::microseconds delay, std::function<void()> fn) {

@@ -74,6 +74,7 @@ enum class Fault {
     WrongEcho,       // the answer carries another command code
     UnplugBefore,    // the adapter disappears instead of answering
     UnplugDuring,    // the header comes, then the adapter disappears
+    EmptyPayload,    // the answer announces and carries no payload at all
 };
 
 class Adapter;
@@ -125,6 +126,10 @@ public:
     // Commands seen, in order (for tests that check what reached the adapter).
     std::vector<Frame> received();
     void clear_received();
+    // Zero-length packets received on the OUT endpoints.
+    int zero_length_packets() const { return zlps_.load(); }
+    // Queues bytes on the IN endpoint as they are, outside any command.
+    void send_raw(std::vector<std::vector<uint8_t>> transfers);
     int port() const { return port_.load(); }
     bool plugged() const { return port_.load() >= 0; }
     void plug();
@@ -143,6 +148,7 @@ private:
 
     AdapterConfig config_;
     std::atomic<int> port_{-1};
+    std::atomic<int> zlps_{0};
     std::mutex mutex_;
     std::map<uint32_t, Handler> handlers_;
     std::vector<std::unique_ptr<FamilyModel>> models_;

@@ -1,0 +1,275 @@
+// Discovery, handles, opening, resetting and reconnecting, and how every exchange
+// copes with an adapter that misbehaves, through the simulated adapter.
+#include <chrono>
+
+#include "device_model.h"
+#include "gpio_model.h"
+#include "sim_fixture.h"
+#include "transport/usb_message.h"
+
+using namespace polybus_sim;
+using namespace polybus_test;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+class Discovery : public ::testing::Test {
+protected:
+    void SetUp() override { Simulator::instance().remove_all(); }
+    void TearDown() override { Simulator::instance().remove_all(); }
+    std::shared_ptr<Adapter> add(uint32_t id) {
+        AdapterConfig c;
+        c.identifier = id;
+        return Simulator::instance().add(c);
+    }
+};
+}  // namespace
+
+TEST_F(Discovery, EmptyBusWritesNothing) {
+    int handles[4] = {7, 7, 7, 7};
+    EXPECT_EQ(USB_ScanDevice(handles), 0);
+    EXPECT_EQ(handles[0], 7);
+    EXPECT_EQ(USB_ScanDevice(nullptr), 0);
+}
+
+TEST_F(Discovery, AdaptersKeepFirstFoundOrderAndVanishOnRescan) {
+    auto first = add(0x41000001);
+    auto second = add(0x53000002);
+    EXPECT_EQ(scan(), (std::vector<int>{0x41000001, 0x53000002}));
+    Simulator::instance().remove(first);
+    EXPECT_EQ(scan(), (std::vector<int>{0x53000002}));
+    // The survivor now owns slot 0 and still works.
+    ASSERT_TRUE(USB_OpenDevice(0x53000002));
+    unsigned v = 0;
+    EXPECT_EQ(GPIO_Read(0x53000002, 1, &v), 0);
+    USB_CloseDevice(0x53000002);
+}
+
+TEST_F(Discovery, IdentityRules) {
+    AdapterConfig silent;
+    silent.identifier = 0x41000003;
+    silent.answers_identifier = false;
+    silent.bus = 20;
+    silent.address = 3;
+    Simulator::instance().add(silent);
+    AdapterConfig stranger;
+    stranger.identifier = 0x41000004;
+    stranger.manufacturer = "Someone Else Entirely";
+    Simulator::instance().add(stranger);
+    AdapterConfig odd_product;
+    odd_product.identifier = 0x21000005;
+    odd_product.product = 0x7919;
+    Simulator::instance().add(odd_product);
+    AdapterConfig other_product;
+    other_product.identifier = 0x21000006;
+    other_product.product = 0x791A;
+    Simulator::instance().add(other_product);
+    // No identifier: bus 20, address 3 gives 0x1403. Wrong maker or product: not ours.
+    auto found = scan();
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(found, (std::vector<int>{0x1403, 0x21000005}));
+    ASSERT_TRUE(USB_OpenDevice(0x1403));
+    EXPECT_EQ(GPIO_SetOutput(0x1403, 1, 0), 0);
+    USB_CloseDevice(0x1403);
+}
+
+TEST_F(Discovery, OpenCloseAndRescanInvalidateHandles) {
+    add(0x41000001);
+    ASSERT_EQ(scan().size(), 1u);
+    EXPECT_FALSE(USB_CloseDevice(0x41000001)) << "not open yet";
+    EXPECT_FALSE(USB_CloseDevice(0x0BADF00D));
+    EXPECT_FALSE(USB_OpenDevice(0x0BADF00D));
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), -2) << "a listed but closed adapter cannot be used";
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+    // A scan closes every adapter, open ones included.
+    ASSERT_EQ(scan().size(), 1u);
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), -2);
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+    EXPECT_TRUE(USB_CloseDevice(0x41000001));
+    EXPECT_FALSE(USB_CloseDevice(0x41000001));
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), -2);
+}
+
+TEST_F(Discovery, ResetReconnectsOnlyAtTheSameAddress) {
+    auto a = add(0x41000001);
+    ASSERT_EQ(scan().size(), 1u);
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    ASSERT_TRUE(USB_ResetDevice(0x41000001));
+    EXPECT_TRUE(USB_RetryConnect(0x41000001));
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+
+    a->config().reenumerates_elsewhere = true;
+    const int old_address = a->config().address;
+    ASSERT_TRUE(USB_ResetDevice(0x41000001));
+    EXPECT_FALSE(USB_RetryConnect(0x41000001));
+    EXPECT_NE(a->config().address, old_address);
+    // A new scan finds it again under the same handle.
+    EXPECT_EQ(scan(), (std::vector<int>{0x41000001}));
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+    USB_CloseDevice(0x41000001);
+}
+
+TEST_F(Discovery, SilentAdapterFailsToOpenAfterSixSeconds) {
+    auto a = add(0x41000001);
+    ASSERT_EQ(scan().size(), 1u);
+    a->inject(Fault::NoAnswer, 0x0100, 1000);
+    const auto start = Clock::now();
+    EXPECT_FALSE(USB_OpenDevice(0x41000001));
+    const auto took = Clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(5900));
+    EXPECT_LT(took, std::chrono::seconds(9));
+}
+
+TEST_F(Discovery, DeviceInformationRecoversFromOneLostAnswer) {
+    auto a = add(0x41000001);
+    ASSERT_EQ(scan().size(), 1u);
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    // One lost answer: the library resets the adapter, reconnects and asks again.
+    a->inject(Fault::NoAnswer, 0x0100, 1);
+    DEVICE_INFO info{};
+    EXPECT_TRUE(DEV_GetDeviceInfo(0x41000001, &info, nullptr));
+    EXPECT_EQ(info.FirmwareVersion, a->config().firmware_version);
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+    USB_CloseDevice(0x41000001);
+}
+
+// --- faults on an open adapter -------------------------------------------------------
+
+class Faults : public SimTest {};
+
+TEST_F(Faults, EveryBadAnswerIsAStatusAndThePipeStaysInStep) {
+    unsigned value = 0xCAFE;
+    struct Case {
+        Fault fault;
+        const char* name;
+    } cases[] = {{Fault::ShortPayload, "short payload"}, {Fault::Oversized, "oversized"},
+                 {Fault::ShortHeader, "short header"},   {Fault::EmptyPayload, "empty payload"}};
+    for (const auto& c : cases) {
+        adapter->inject(c.fault, 0x0604);
+        EXPECT_EQ(GPIO_Read(handle, 0xFF, &value), -4) << c.name;
+        EXPECT_EQ(value, 0xCAFEu) << c.name << ": the caller's value must stay untouched";
+        // The next exchange must see its own answer, not leftovers.
+        EXPECT_EQ(GPIO_SetOutput(handle, 0xFF, 0), 0) << c.name;
+        EXPECT_EQ(GPIO_Write(handle, 0xFF, 0x5A), 0) << c.name;
+        unsigned back = 0;
+        EXPECT_EQ(GPIO_Read(handle, 0xFF, &back), 0) << c.name;
+        EXPECT_EQ(back, 0x5Au) << c.name;
+    }
+}
+
+TEST_F(Faults, OversizedAnswerNeverOverrunsTheCallersBuffer) {
+    unsigned char info[64 + 16];
+    memset(info, 0xAB, sizeof(info));
+    adapter->inject(Fault::Oversized, 0x010D);
+    EXPECT_FALSE(DEV_GetHardwareInfo(handle, info));
+    for (size_t i = 64; i < sizeof(info); ++i) ASSERT_EQ(info[i], 0xAB) << "byte " << i;
+    EXPECT_TRUE(DEV_GetHardwareInfo(handle, info));
+    EXPECT_EQ(info[0], 1);
+}
+
+TEST_F(Faults, WrongEchoFailsWhereTheCommandIsChecked) {
+    unsigned char hw[64];
+    adapter->inject(Fault::WrongEcho, 0x010D);
+    EXPECT_FALSE(DEV_GetHardwareInfo(handle, hw));
+    EXPECT_TRUE(DEV_GetHardwareInfo(handle, hw));
+}
+
+TEST_F(Faults, MissingAnswerTimesOutWithTheFamilyTimeout) {
+    adapter->inject(Fault::NoAnswer, 0x0603);
+    const auto start = Clock::now();
+    EXPECT_EQ(GPIO_Write(handle, 1, 1), -4);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(950));
+    auto gets = trace->gets();
+    ASSERT_FALSE(gets.empty());
+    EXPECT_EQ(gets.back().result, -3);
+    EXPECT_EQ(gets.back().timeout_ms, 1000);
+    EXPECT_EQ(GPIO_Write(handle, 1, 1), 0);
+}
+
+TEST_F(Faults, UnplugBeforeOrDuringAnAnswer) {
+    adapter->inject(Fault::UnplugDuring, 0x0604);
+    unsigned v = 0;
+    EXPECT_EQ(GPIO_Read(handle, 1, &v), -4);
+    EXPECT_EQ(GPIO_Read(handle, 1, &v), -2) << "a vanished adapter cannot be written to";
+    // It comes back at the same address: reconnecting works without a scan.
+    adapter->replug(false);
+    EXPECT_TRUE(USB_RetryConnect(handle));
+    EXPECT_EQ(GPIO_Read(handle, 1, &v), 0);
+
+    adapter->inject(Fault::UnplugBefore, 0x0603);
+    EXPECT_EQ(GPIO_Write(handle, 1, 1), -4);
+    EXPECT_EQ(GPIO_Write(handle, 1, 1), -2);
+    EXPECT_TRUE(scan().empty()) << "the sweep drops the vanished adapter";
+    EXPECT_EQ(GPIO_Write(handle, 1, 1), -2);
+}
+
+// --- the transport's own rules, seen from the adapter --------------------------------
+
+class Transport : public SimTest {};
+
+TEST_F(Transport, FramesReachTheAdapterWithZeroLengthPacketsOnlyWhenNeeded) {
+    const int before = adapter->zero_length_packets();
+    // 8 + 504 = 512 bytes: exactly one high-speed packet.
+    std::vector<unsigned char> data(500, 0x11);
+    ASSERT_TRUE(DEV_WriteUserData(handle, 0, data.data(), 500));
+    EXPECT_EQ(adapter->zero_length_packets(), before + 1);
+    ASSERT_TRUE(DEV_WriteUserData(handle, 0, data.data(), 496));
+    EXPECT_EQ(adapter->zero_length_packets(), before + 1);
+    auto frames = adapter->received();
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0].command, 0x0107u);
+    EXPECT_EQ(frames[0].payload.size(), 504u);
+    EXPECT_EQ(frames[1].payload.size(), 500u);
+}
+
+TEST_F(Transport, GetWithoutBufferDrainsAndOddLengthsReadNothing) {
+    lock(handle);
+    // A 20-byte payload read with no buffer is consumed and discarded.
+    adapter->send_raw({{0, 0, 0x01, 0x23, 0, 0, 0, 20}, std::vector<uint8_t>(20, 0x77)});
+    USB_MSG msg{0, 0, nullptr};
+    EXPECT_EQ(MSG_Get(handle, &msg, 200), 0);
+    EXPECT_EQ(msg.Command, 0x123u);
+    EXPECT_EQ(msg.Length, 20u);
+    // A negative length reads nothing more; the next header is intact.
+    adapter->send_raw({{0, 0, 0x01, 0x24, 0x80, 0, 0, 0}});
+    adapter->send_raw({{0, 0, 0x01, 0x25, 0, 0, 0, 0}});
+    uint8_t buf[8];
+    USB_MSG m2{0, 0, buf};
+    EXPECT_EQ(MSG_Get(handle, &m2, 200), 0);
+    EXPECT_EQ(m2.Length, 0x80000000u);
+    EXPECT_EQ(MSG_Get(handle, &m2, 200), 0);
+    EXPECT_EQ(m2.Command, 0x125u);
+    EXPECT_EQ(m2.Length, 0u);
+    // A payload that never comes still counts as an answer; Length says what was announced.
+    adapter->send_raw({{0, 0, 0x01, 0x26, 0, 0, 0, 4}});
+    EXPECT_EQ(MSG_Get(handle, &m2, 100), 0);
+    EXPECT_EQ(m2.Length, 4u);
+    // Nothing at all: the header is missing.
+    EXPECT_EQ(MSG_Get(handle, &m2, 50), -3);
+    unlock(handle);
+}
+
+TEST_F(Transport, CanFdChannelsPickTheirEndpoint) {
+    uint8_t payload[4] = {1, 2, 3, 4};
+    USB_MSG msg{0x4002, 4, payload};
+    lock(handle);
+    EXPECT_EQ(CANFD_MSG_Send(handle, 3, &msg, 100), 0);
+    EXPECT_EQ(CANFD_MSG_Send(handle, 2, &msg, 100), 0);
+    EXPECT_EQ(MSG_SendInt(handle, &msg, 100), 0);
+    unlock(handle);
+    auto frames = adapter->received();
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(frames[0].endpoint, 0x02);
+    EXPECT_EQ(frames[1].endpoint, 0x01);
+    EXPECT_EQ(frames[2].endpoint, 0x02);
+    EXPECT_TRUE(frames[2].interrupt);
+    // Each of them was answered (unknown commands get an empty answer): drain them.
+    lock(handle);
+    for (int i = 0; i < 3; ++i) {
+        USB_MSG r{0, 0, nullptr};
+        EXPECT_EQ(MSG_Get(handle, &r, 200), 0);
+    }
+    unlock(handle);
+}
