@@ -35,6 +35,7 @@
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <fcntl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -103,6 +104,17 @@ struct Device {
     std::deque<UrbPtr> pending_in;
     std::deque<UrbPtr> done;
     std::map<UMockdevIoctlClient*, std::unique_ptr<Client>> clients;
+
+    // The device node is a FIFO we keep full while nothing is reapable: libusb
+    // polls usbfs fds for POLLOUT, and on umockdev's regular-file node that is
+    // always set, so every libusb event loop would spin through REAPURBNDELAY at
+    // 100 % CPU (30000 ioctls per idle second). -1: plain file, spinning it is.
+    int wake_fd = -1;
+    bool wake_blocked = false;
+
+    ~Device() {
+        if (wake_fd >= 0) close(wake_fd);
+    }
 };
 using DevicePtr = std::shared_ptr<Device>;
 
@@ -164,6 +176,41 @@ void build_descriptors(Device& d) {
         put16(c, d.mps);
         c.push_back(0);
     }
+}
+
+// Lets libusb's poll() return exactly while this device has something to reap.
+// After an unplug the kernel would also raise POLLERR, which makes libusb drop the
+// fd; a FIFO that libusb holds open read-write cannot, so an unplugged device
+// simply stays quiet once its failed URBs are reaped, instead of waking libusb's
+// event loop forever. Called with Impl::mu held whenever `done` changes.
+void update_wakeup(Device& d) {
+    if (d.wake_fd < 0) return;
+    const bool ready = !d.done.empty();
+    if (ready && d.wake_blocked) {
+        char buf[4096];
+        while (read(d.wake_fd, buf, sizeof buf) > 0) {
+        }
+        d.wake_blocked = false;
+    } else if (!ready && !d.wake_blocked) {
+        // One byte fills the pipe's only slot (see make_wakeup_fifo), which is
+        // what clears POLLOUT.
+        const char b = 0;
+        d.wake_blocked = write(d.wake_fd, &b, 1) == 1 || errno == EAGAIN;
+    }
+}
+
+// Replaces the regular file umockdev created for the node by a one-page FIFO
+// and keeps our own end open.
+void make_wakeup_fifo(Device& d, const std::string& path) {
+    if (unlink(path.c_str()) != 0 || mkfifo(path.c_str(), 0666) != 0) {
+        int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0644);  // put the plain node back
+        if (fd >= 0) close(fd);
+        return;
+    }
+    d.wake_fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (d.wake_fd < 0) return;
+    fcntl(d.wake_fd, F_SETPIPE_SZ, 4096);
+    update_wakeup(d);
 }
 
 bool is_out_ep(uint8_t ep) { return ep == kEpOut1 || ep == kEpOut2; }
@@ -285,6 +332,7 @@ void UsbHost::Impl::on_client_gone(gpointer user, GObject* where_the_client_was)
             }
         }
     }
+    update_wakeup(d);
 }
 
 Client* UsbHost::Impl::client_record(Device& d, UMockdevIoctlClient* c) {
@@ -318,6 +366,7 @@ void UsbHost::Impl::match_in(Device& d) {
         }
         d.done.push_back(std::move(u));
     }
+    update_wakeup(d);
 }
 
 int UsbHost::Impl::standard_request(Device& d, const ControlSetup& s, uint8_t* data) {
@@ -428,6 +477,7 @@ Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
             }
         }
         d.done.push_back(std::move(u));
+        update_wakeup(d);
         return kOk;
     }
 
@@ -456,6 +506,7 @@ Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
         std::lock_guard<std::mutex> lk(mu);
         u->actual = urb.buffer_length;
         d.done.push_back(std::move(u));
+        update_wakeup(d);
         return kOk;
     }
     return fail(EINVAL);  // isochronous: no such endpoint here
@@ -469,6 +520,7 @@ Result UsbHost::Impl::reap(Device& d, Client* cl, UMockdevIoctlData* arg) {
             if ((*it)->client == cl) {
                 u = std::move(*it);
                 d.done.erase(it);
+                update_wakeup(d);
                 break;
             }
         }
@@ -517,6 +569,7 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
                 (*it)->actual = 0;
                 d.done.push_back(std::move(*it));
                 d.pending_in.erase(it);
+                update_wakeup(d);
                 return kOk;
             }
         }
@@ -725,6 +778,7 @@ int UsbHost::plug(std::shared_ptr<UsbFunction> fn, const UsbIdentity& id, int bu
         bool ok = umockdev_testbed_attach_ioctl(I.testbed, d->devnode.c_str(), handler, &err);
         g_object_unref(handler);  // the testbed and its clients hold it now
         if (ok) ok = umockdev_testbed_add_from_string(I.testbed, rec.c_str(), &err);
+        if (ok) make_wakeup_fifo(*d, I.root_dir + d->devnode);
         if (!ok) {
             std::string msg = std::string("plug: umockdev: ") + (err ? err->message : "failed");
             if (err) g_error_free(err);
@@ -755,6 +809,7 @@ void UsbHost::unplug(int port) {
             d->done.push_back(std::move(u));
         }
         d->pending_in.clear();
+        update_wakeup(*d);
         d->in_q.clear();
         d->in_head_off = 0;
         d->in_bytes = 0;

@@ -405,6 +405,35 @@ TEST_F(UsbfsTest, InTimeoutLosesNoData) {
     EXPECT_EQ(recv(h, 64), pattern(5, 3));
 }
 
+// libusb's event loop must sleep in poll() while nothing can be reaped, also
+// after an unplug; a spinning loop issues thousands of ioctls per second and
+// eats a CPU per waiting test.
+TEST_F(UsbfsTest, EventLoopSleepsWhileNothingToReap) {
+    auto e = plug();
+    libusb_device_handle* h = open(e->port);
+    ASSERT_NE(h, nullptr);
+    uint64_t before = UsbHost::instance().ioctl_count();
+    int err = 0;
+    recv(h, 64, &err, 300);
+    EXPECT_EQ(err, LIBUSB_ERROR_TIMEOUT);
+    EXPECT_LT(UsbHost::instance().ioctl_count() - before, 40u);
+
+    // A read that is pending when the device goes away still wakes up.
+    std::thread reader([&] { recv(h, 64, &err, 5000); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    UsbHost::instance().unplug(e->port);
+    reader.join();
+    EXPECT_EQ(err, LIBUSB_ERROR_NO_DEVICE);
+    // An application's event thread keeps handling events on the open handle.
+    before = UsbHost::instance().ioctl_count();
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+    while (std::chrono::steady_clock::now() < end) {
+        timeval tv{0, 50000};
+        libusb_handle_events_timeout(ctx_, &tv);
+    }
+    EXPECT_LT(UsbHost::instance().ioctl_count() - before, 40u);
+}
+
 TEST_F(UsbfsTest, TwoDevicesAtOnce) {
     UsbIdentity a, b;
     a.serial = "A";
