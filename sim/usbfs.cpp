@@ -102,6 +102,7 @@ struct Device {
     size_t in_head_off = 0;
     long in_bytes = 0;
     std::deque<UrbPtr> pending_in;
+    std::deque<UrbPtr> unanswered;  // control requests the model left open
     std::deque<UrbPtr> done;
     std::map<UMockdevIoctlClient*, std::unique_ptr<Client>> clients;
 
@@ -213,6 +214,20 @@ void make_wakeup_fifo(Device& d, const std::string& path) {
     update_wakeup(d);
 }
 
+// Runs a model callback. It is called from GLib's C frames on the handler
+// thread, where an exception would end the process; a throwing model is
+// reported and its request treated as failed instead.
+template <typename Fn>
+void model_call(const char* what, Fn&& fn) {
+    try {
+        fn();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "polybus_sim: UsbFunction::%s threw: %s\n", what, e.what());
+    } catch (...) {
+        std::fprintf(stderr, "polybus_sim: UsbFunction::%s threw\n", what);
+    }
+}
+
 bool is_out_ep(uint8_t ep) { return ep == kEpOut1 || ep == kEpOut2; }
 bool is_known_ep(uint8_t ep) { return ep == 0 || ep == 0x80 || is_out_ep(ep) || ep == kEpIn; }
 
@@ -322,7 +337,7 @@ void UsbHost::Impl::on_client_gone(gpointer user, GObject* where_the_client_was)
     if (it == d.clients.end()) return;
     rec = std::move(it->second);
     d.clients.erase(it);
-    for (auto* list : {&d.pending_in, &d.done}) {
+    for (auto* list : {&d.pending_in, &d.unanswered, &d.done}) {
         for (auto u = list->begin(); u != list->end();) {
             if ((*u)->client == rec.get()) {
                 dropped.push_back(std::move(*u));
@@ -424,7 +439,8 @@ int UsbHost::Impl::control(Device& d, const ControlSetup& s, uint8_t* data) {
         return standard_request(d, s, data);
     case USB_TYPE_CLASS:
     case USB_TYPE_VENDOR: {
-        int r = d.fn->control(s, data);
+        int r = -EPIPE;
+        model_call("control", [&] { r = d.fn->control(s, data); });
         return r < 0 ? r : std::min<int>(r, s.wLength);
     }
     default:
@@ -466,6 +482,10 @@ Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
         umockdev_ioctl_data_unref(buf);
         int r = control(d, s, payload.data());  // model runs without our lock
         std::lock_guard<std::mutex> lk(mu);
+        if (r == -EINPROGRESS) {
+            d.unanswered.push_back(std::move(u));
+            return kOk;
+        }
         if (r < 0) {
             u->status = r;
         } else {
@@ -500,9 +520,11 @@ Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
             bytes.assign(buf->data, buf->data + urb.buffer_length);
             umockdev_ioctl_data_unref(buf);
         }
-        d.fn->out(urb.endpoint, interrupt, bytes.data(), bytes.size());
-        if ((urb.flags & USBDEVFS_URB_ZERO_PACKET) && !bytes.empty() && bytes.size() % d.mps == 0)
-            d.fn->out(urb.endpoint, interrupt, nullptr, 0);
+        model_call("out", [&] {
+            d.fn->out(urb.endpoint, interrupt, bytes.data(), bytes.size());
+            if ((urb.flags & USBDEVFS_URB_ZERO_PACKET) && !bytes.empty() && bytes.size() % d.mps == 0)
+                d.fn->out(urb.endpoint, interrupt, nullptr, 0);
+        });
         std::lock_guard<std::mutex> lk(mu);
         u->actual = urb.buffer_length;
         d.done.push_back(std::move(u));
@@ -563,14 +585,17 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
     case USBDEVFS_DISCARDURB: {
         unsigned long addr = *reinterpret_cast<unsigned long*>(arg->data);
         std::lock_guard<std::mutex> lk(mu);
-        for (auto it = d.pending_in.begin(); it != d.pending_in.end(); ++it) {
-            if ((*it)->client == cl && (*it)->addr == addr) {
-                (*it)->status = -ENOENT;
-                (*it)->actual = 0;
-                d.done.push_back(std::move(*it));
-                d.pending_in.erase(it);
-                update_wakeup(d);
-                return kOk;
+        for (auto* list : {&d.pending_in, &d.unanswered}) {
+            for (auto it = list->begin(); it != list->end(); ++it) {
+                if ((*it)->client == cl && (*it)->addr == addr) {
+                    (*it)->status = -ENOENT;
+                    (*it)->actual = 0;
+                    (*it)->in.clear();
+                    d.done.push_back(std::move(*it));
+                    list->erase(it);
+                    update_wakeup(d);
+                    return kOk;
+                }
             }
         }
         return fail(EINVAL);  // already completed: libusb will reap it
@@ -608,7 +633,7 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
             d.in_bytes = 0;
             d.config = kConfigValue;
         }
-        d.fn->reset();
+        model_call("reset", [&] { d.fn->reset(); });
         return kOk;
     }
     case USBDEVFS_SETINTERFACE: {
@@ -665,6 +690,7 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
         if (r > 0 && (s.bmRequestType & USB_DIR_IN)) std::memcpy(buf->data, payload.data(), size_t(r));
         if (buf) umockdev_ioctl_data_unref(buf);
         umockdev_ioctl_data_unref(p);
+        if (r == -EINPROGRESS) return fail(ETIMEDOUT);  // what the kernel reports after waiting
         return r < 0 ? fail(-r) : Result{r, 0};
     }
     case USBDEVFS_GETDRIVER:
@@ -803,12 +829,14 @@ void UsbHost::unplug(int port) {
         d = it->second;
         I.ports.erase(it);
         d->gone = true;
-        for (UrbPtr& u : d->pending_in) {
-            u->status = -ESHUTDOWN;
-            u->actual = 0;
-            d->done.push_back(std::move(u));
+        for (auto* list : {&d->pending_in, &d->unanswered}) {
+            for (UrbPtr& u : *list) {
+                u->status = -ESHUTDOWN;
+                u->actual = 0;
+                d->done.push_back(std::move(u));
+            }
+            list->clear();
         }
-        d->pending_in.clear();
         update_wakeup(*d);
         d->in_q.clear();
         d->in_head_off = 0;
@@ -898,7 +926,11 @@ void UsbHost::defer(std::function<void()> fn) {
     g_source_set_callback(
         s,
         [](gpointer p) -> gboolean {
-            (*static_cast<std::function<void()>*>(p))();
+            try {
+                (*static_cast<std::function<void()>*>(p))();
+            } catch (const std::exception& e) {
+                std::fprintf(stderr, "polybus_sim: deferred function threw: %s\n", e.what());
+            }
             return G_SOURCE_REMOVE;
         },
         new std::function<void()>(std::move(fn)), [](gpointer p) { delete static_cast<std::function<void()>*>(p); });
@@ -996,6 +1028,17 @@ void ensure_preloaded(int argc, char** argv) {
     // The preload calls usleep(0) after every forwarded ioctl; with the default
     // 50 us timer slack each of those costs far more than the ioctl itself.
     prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
+    // Every ioctl is two thread hand-offs; on our virtual machines a wake-up on the
+    // other CPU costs more than the work. Opt-in, because several test processes
+    // pinned to the same CPU would slow each other down far more.
+    if (const char* pin = std::getenv("POLYBUS_SIM_PIN_CPU")) {
+        int cpu = std::strcmp(pin, "auto") == 0 ? sched_getcpu() : std::atoi(pin);
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(cpu, &set);
+        if (cpu >= 0 && sched_setaffinity(0, sizeof set, &set) != 0)
+            std::fprintf(stderr, "polybus_sim: cannot pin to CPU %d\n", cpu);
+    }
     // umockdev 0.17 sets UMOCKDEV_DIR after starting its worker thread: create the
     // testbed while this is still the only thread.
     UsbHost::instance();

@@ -33,13 +33,17 @@ public:
     // A vendor or class control request (standard requests, including string
     // descriptors, are answered by UsbHost from the UsbIdentity).
     // IN: fill data (capacity wLength) and return the byte count; OUT: read data
-    // (wLength bytes), return wLength. Return a negative errno (-EPIPE) to stall.
+    // (wLength bytes), return wLength. Return a negative errno to fail it: -EPIPE
+    // stalls (LIBUSB_ERROR_PIPE), others such as -EPROTO become I/O errors, and
+    // -EINPROGRESS leaves the request unanswered until the host gives up (its
+    // timeout) or the device is unplugged. An exception counts as a stall.
     virtual int control(const ControlSetup& setup, uint8_t* data) = 0;
     // One bulk or interrupt OUT URB's bytes; ep is 0x01 or 0x02. A zero-length
     // packet arrives as len 0: either a zero-length transfer, or, after the data,
     // the terminating ZLP the host requested (LIBUSB_TRANSFER_ADD_ZERO_PACKET)
     // for a transfer that is a multiple of the max packet size.
     // `interrupt` says which transfer type the URB was (only 0x02 accepts both).
+    // The host sees the transfer complete once this returns.
     virtual void out(uint8_t ep, bool interrupt, const uint8_t* data, size_t len) = 0;
     // USBDEVFS_RESET from the host (libusb_reset_device). Queued IN data has
     // already been dropped when this runs; URBs the host has pending stay pending.
@@ -118,6 +122,8 @@ private:
 // when this binary uses them, and with TSAN_OPTIONS naming sim/tsan.supp) and the
 // same argv. Then lowers the timer slack and creates the testbed. Call first
 // thing in main(), before any thread starts.
+// POLYBUS_SIM_PIN_CPU=<n> or =auto (the CPU it runs on) pins the process to one
+// CPU: exchanges get faster and steadier, but do not pin parallel tests together.
 void ensure_preloaded(int argc, char** argv);
 
 }  // namespace polybus_sim

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <mutex>
 #include <random>
+#include <stdexcept>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -26,6 +27,8 @@ constexpr uint8_t kVendorRead = 0x01;    // IN, 4 bytes: DE AD plus wValue
 constexpr uint8_t kVendorPoke = 0x02;    // OUT, no data
 constexpr uint8_t kVendorStall = 0x03;   // always stalls
 constexpr uint8_t kVendorReboot = 0x04;  // answers, then re-enumerates at address wValue
+constexpr uint8_t kVendorSilent = 0x05;  // never answered
+constexpr uint8_t kVendorThrow = 0x06;   // the model fails badly
 
 // Echo device: bytes written to 0x01 come back on 0x81 as an 8-byte header
 // ('E', 'H', seq, 0, len LE32) followed by the payload, as two device transfers
@@ -57,6 +60,10 @@ public:
             return 4;
         case kVendorPoke:
             return s.wLength;
+        case kVendorSilent:
+            return -EINPROGRESS;
+        case kVendorThrow:
+            throw std::runtime_error("model bug");
         case kVendorReboot: {
             int old = port.load();
             int addr = s.wValue;
@@ -267,9 +274,13 @@ TEST_F(UsbfsTest, VendorControlRequests) {
     EXPECT_EQ(libusb_control_transfer(h, 0xC0, kVendorStall, 0, 0, buf, 4, 1000), LIBUSB_ERROR_PIPE);
     // The device is still fine after a stall.
     EXPECT_EQ(libusb_control_transfer(h, 0xC0, kVendorRead, 2, 0, buf, 4, 1000), 4);
+    EXPECT_EQ(libusb_control_transfer(h, 0xC0, kVendorSilent, 0, 0, buf, 4, 50), LIBUSB_ERROR_TIMEOUT);
+    EXPECT_EQ(libusb_control_transfer(h, 0x40, kVendorThrow, 0, 0, nullptr, 0, 1000), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(libusb_control_transfer(h, 0xC0, kVendorRead, 3, 0, buf, 4, 1000), 4);
+    EXPECT_EQ(buf[2], 3);
 
     auto s = e->setups();
-    ASSERT_EQ(s.size(), 5u);
+    ASSERT_EQ(s.size(), 8u);
     EXPECT_EQ(s[0].bmRequestType, 0xC0);
     EXPECT_EQ(s[0].wValue, 0x1234);
     EXPECT_EQ(s[0].wIndex, 7);
