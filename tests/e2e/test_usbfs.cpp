@@ -640,6 +640,30 @@ TEST_F(UsbfsTest, TimerThreadsStreamWhileHostReads) {
     EXPECT_EQ(next[2], kPerThread);
 }
 
+// The driver's usual shape: one thread sends commands while another keeps a
+// read pending; both share one handle and one libusb context.
+TEST_F(UsbfsTest, HostWritesWhileAnotherThreadReads) {
+    auto e = plug();
+    libusb_device_handle* h = open(e->port);
+    ASSERT_NE(h, nullptr);
+    constexpr int kCommands = 100;
+    std::atomic<bool> write_failed{false};
+    std::thread writer([&] {
+        for (int i = 0; i < kCommands; ++i)
+            if (send(h, pattern(size_t(1 + i), uint8_t(i))) != 1 + i) write_failed = true;
+    });
+    int received = 0;
+    for (; received < kCommands; ++received) {
+        Bytes header = recv(h, 8, nullptr, 5000);
+        if (header.size() != 8) break;
+        size_t n = header[4];
+        if (recv(h, 512, nullptr, 5000) != pattern(n, uint8_t(n - 1))) break;
+    }
+    writer.join();
+    EXPECT_FALSE(write_failed);
+    EXPECT_EQ(received, kCommands);
+}
+
 TEST(UsbfsProcess, UsleepOverrideStillSleeps) {
     auto t0 = std::chrono::steady_clock::now();
     usleep(20000);
