@@ -24,9 +24,7 @@ bool parse_adapter_list(const std::string& text, std::vector<AdapterConfig>& out
     return true;
 }
 
-int plug_from_environment() {
-    const char* text = std::getenv("POLYBUS_SIM_ADAPTERS");
-    if (text == nullptr) return 0;
+int plug_from_list(const std::string& text) {
     std::vector<AdapterConfig> configs;
     if (!parse_adapter_list(text, configs)) return 0;
     for (auto& c : configs) Simulator::instance().add(c);

@@ -13,8 +13,7 @@ namespace polybus_sim {
 // and leaves `out` unchanged on malformed text.
 bool parse_adapter_list(const std::string& text, std::vector<AdapterConfig>& out);
 
-// Plugs the adapters named by the environment variable POLYBUS_SIM_ADAPTERS (set by the
-// polybus-sim launcher); returns how many were plugged.
-int plug_from_environment();
+// Plugs the adapters of a list as above; returns how many were plugged.
+int plug_from_list(const std::string& text);
 
 }  // namespace polybus_sim

@@ -8,5 +8,6 @@
 #include "gpio.h"
 #include "can.h"
 #include "canfd.h"
+#include "hexfile.h"
 
 #endif

@@ -5,6 +5,7 @@
 #include "device_model.h"
 #include "gpio_model.h"
 #include "sim_fixture.h"
+#include "transport/lock.h"
 #include "transport/usb_message.h"
 
 using namespace polybus_sim;
@@ -33,7 +34,10 @@ TEST_F(Discovery, EmptyBusWritesNothing) {
 
 TEST_F(Discovery, AdaptersKeepFirstFoundOrderAndVanishOnRescan) {
     auto first = add(0x41000001);
+    EXPECT_EQ(scan(), (std::vector<int>{0x41000001}));
+    // Found later, listed later, whatever order the bus enumerates them in.
     auto second = add(0x53000002);
+    EXPECT_EQ(scan(), (std::vector<int>{0x41000001, 0x53000002}));
     EXPECT_EQ(scan(), (std::vector<int>{0x41000001, 0x53000002}));
     Simulator::instance().remove(first);
     EXPECT_EQ(scan(), (std::vector<int>{0x53000002}));
