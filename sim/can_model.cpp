@@ -382,7 +382,11 @@ CanModel::ChannelInfo CanModel::channel(int index) {
 
 size_t CanModel::pending(int index) {
     std::lock_guard<std::mutex> g(mutex_);
-    return ch(index).rx.size();
+    const int64_t now = bus_now_ns();
+    size_t n = 0;
+    for (auto& e : ch(index).rx)
+        if (e.visible_ns <= now) ++n;
+    return n;
 }
 
 void CanModel::set_error_counters(int index, uint8_t tec, uint8_t rec, uint8_t lec) {

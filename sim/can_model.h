@@ -104,7 +104,7 @@ public:
         bool schedule_running = false;
     };
     ChannelInfo channel(int ch);
-    // Frames waiting in the adapter for the host to fetch.
+    // Frames waiting in the adapter for the host to fetch (those that have ended on the bus).
     size_t pending(int ch);
     void set_error_counters(int ch, uint8_t tec, uint8_t rec, uint8_t lec);
     void set_status_word(int ch, uint32_t word);

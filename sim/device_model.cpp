@@ -19,9 +19,10 @@ DeviceModel::DeviceModel(Adapter& a)
         adapter_.answer(f.command);
     });
     a.on(0x0011, [this](const Frame& f) {
-        // Selector 0: microseconds since reset; anything else: milliseconds.
+        // Selector 0: the CAN time base (100 us units) that received frames are stamped
+        // with; anything else: milliseconds.
         const uint64_t us = adapter_.clock_us();
-        const uint64_t value = f.u8(0) == 0 ? us : us / 1000;
+        const uint64_t value = f.u8(0) == 0 ? us / 100 : us / 1000;
         Payload p;
         for (int i = 0; i < 8; ++i) p.u8(uint8_t(value >> (8 * i)));
         adapter_.answer(f.command, p);
