@@ -73,12 +73,13 @@ protected:
     bool fd() const { return is_fd(GetParam()); }
     polybus_sim::CanModel& can() { return model<polybus_sim::CanModel>(); }
 
-    // Both channels on at the same bit rate, through the classic calls.
+    // Both channels on at the same bit rate, through the classic calls (trace cleared).
     void open_channels(unsigned bps = 1000000) {
         CAN_INIT_CONFIG c;
         ASSERT_EQ(CAN_GetCANSpeedArg(handle, &c, bps), 0);
         ASSERT_EQ(CAN_Init(handle, 0, &c), 0);
         ASSERT_EQ(CAN_Init(handle, 1, &c), 0);
+        trace->clear();
     }
 
     // Everything buffered for the channel (CAN_GetMsg fetches first; on CAN FD adapters it
