@@ -156,6 +156,19 @@ TEST(CanSort, AscendingStableAndSafeOnSortedInput) {
             ASSERT_LT(v[i - 1].ID, v[i].ID) << "equal stamps keep arrival order";
         }
     }
+    // Nearly sorted (the adapter's usual batch): neighbours swapped here and there, with
+    // runs of equal stamps that must keep their order.
+    std::vector<CAN_MSG> near;
+    for (uint32_t i = 0; i < 3000; ++i) near.push_back(frame(i, i / 3));
+    for (size_t i = 5; i < near.size(); i += 37) std::swap(near[i - 4], near[i]);
+    for (uint32_t i = 0; i < near.size(); ++i) near[i].ID = i;  // arrival order
+    sort_by_stamp(near.data(), near.size());
+    for (size_t i = 1; i < near.size(); ++i) {
+        ASSERT_LE(near[i - 1].TimeStamp, near[i].TimeStamp);
+        if (near[i - 1].TimeStamp == near[i].TimeStamp) {
+            ASSERT_LT(near[i - 1].ID, near[i].ID);
+        }
+    }
     // Sorted and reverse-sorted inputs of a size that would blow a naive quicksort's stack.
     std::vector<CAN_MSG> big;
     for (uint32_t i = 0; i < 200000; ++i) big.push_back(frame(i, 200000 - i));
