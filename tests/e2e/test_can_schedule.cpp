@@ -108,8 +108,8 @@ TEST_P(ClassicSchedule, SmallSchedulesGoInOneCommand) {
     EXPECT_EQ(trace->sends()[0].command, 0xC08u);
     EXPECT_EQ(trace->sends()[0].length, 10211u);
 
-    // The adapter rejects a malformed upload: the line is printed.
-    adapter->inject(Fault::ShortPayload, 0xC08);
+    // An upload answered without its verdict byte fails: the line is printed.
+    adapter->inject(Fault::EmptyPayload, 0xC08);
     build(1, 1, 1);
     CaptureStdout();
     EXPECT_EQ(upload(0), -4);

@@ -298,9 +298,9 @@ TEST_P(CanTransfer, ErrorCountersAndStatusWords) {
         EXPECT_EQ(s.ErrorReg, 0x85u << 24 | 0x60u << 16 | 5u << 4 | 3u);  // warning and passive flags
         EXPECT_EQ(s.LECode, 5);
     }
-    adapter->inject(Fault::NoAnswer, fd() ? 0x4005 : 0xC04);
-    EXPECT_EQ(CAN_GetStatus(handle, 1, &s), -4);
     EXPECT_EQ(trace->gets().back().timeout_ms, 1000);
+    adapter->inject(Fault::ShortHeader, fd() ? 0x4005 : 0xC04);
+    EXPECT_EQ(CAN_GetStatus(handle, 1, &s), -4);
 }
 
 TEST_P(CanTransfer, RelaySwitch) {
