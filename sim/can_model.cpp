@@ -205,6 +205,11 @@ public:
     unsigned passes_left = 0;  // 0: endless
     uint64_t schedule_frames = 0;
 
+    // Bit 0 error warning (a counter at 96 or more), bit 1 error passive (128 or more).
+    uint8_t state_flags() const {
+        return uint8_t((tec >= 96 || rec >= 96 ? 1 : 0) | (tec >= 128 || rec >= 128 ? 2 : 0));
+    }
+
     void count_transmission(bool acknowledged) {
         if (acknowledged) {
             ++sent;
@@ -425,6 +430,68 @@ void CanModel::set_fetch_limit(size_t frames) {
 
 // ---- Commands shared by both kinds --------------------------------------------------
 
+void CanModel::on_start_schedule(const Frame& f) {
+    adapter_.answer(f.command, Payload().u8(uint8_t(start_schedule(f.u8(0), f.u8(1), f.u8(2)))));
+}
+
+void CanModel::on_stop_schedule(const Frame& f) {
+    if (f.u8(0) < kChannels) {
+        std::lock_guard<std::mutex> g(mutex_);
+        ++ch(f.u8(0)).schedule_generation;
+        ch(f.u8(0)).schedule_running = false;
+    }
+    adapter_.answer(f.command);
+}
+
+void CanModel::on_relay(const Frame& f) {
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        relay_ = f.u8(0);
+    }
+    adapter_.answer(f.command, Payload().u8(f.u8(0)));
+}
+
+// [0] channel, [1] tables, the tables' frame counts, their u16 parameters (little-endian),
+// then the frames as records of `record` bytes (pause in ms in their time stamp field).
+void CanModel::on_upload(const Frame& f, size_t record) {
+    const int index = f.u8(0);
+    const unsigned tables = f.u8(1);
+    size_t frames = 0;
+    for (unsigned t = 0; t < tables; ++t) frames += f.u8(2 + t);
+    uint8_t verdict = 1;
+    if (index < kChannels && tables != 0 && f.payload.size() == 2 + 3 * tables + frames * record) {
+        auto s = std::make_shared<Tables>();
+        size_t offset = 2 + 3 * tables;
+        for (unsigned t = 0; t < tables; ++t) {
+            s->params.push_back(uint16_t(f.u8(2 + tables + 2 * t) | f.u8(3 + tables + 2 * t) << 8));
+            std::vector<Tables::Entry> table;
+            for (unsigned i = 0; i < f.u8(2 + t); ++i, offset += record) {
+                const uint8_t* r = &f.payload[offset];
+                if (record == kFdRecord) table.push_back({frame_from_fd_record(r), le32(r + 8)});
+                else table.push_back({frame_from_classic_record(r), le32(r + 4)});
+            }
+            s->tables.push_back(std::move(table));
+        }
+        std::lock_guard<std::mutex> g(mutex_);
+        ch(index).uploaded = s;
+        ch(index).uploaded_us = adapter_.clock_us();
+        verdict = 0;
+    }
+    adapter_.answer(f.command, Payload().u8(verdict));
+}
+
+void CanModel::on_stop(const Frame& f) {
+    if (f.u8(0) < kChannels) {
+        std::lock_guard<std::mutex> g(mutex_);
+        Channel& c = ch(f.u8(0));
+        c.initialised = false;
+        c.rx.clear();
+        ++c.schedule_generation;
+        c.schedule_running = false;
+    }
+    adapter_.answer(f.command);
+}
+
 void CanModel::on_fetch(const Frame& f) {
     const int index = f.u8(0);
     std::vector<uint8_t> out;
@@ -597,65 +664,16 @@ void CanModel::classic_commands() {
         {
             std::lock_guard<std::mutex> g(mutex_);
             const Channel& c = ch(f.u8(0));
-            const uint32_t flags = (c.tec >= 96 || c.rec >= 96 ? 1u : 0u) | (c.tec >= 128 || c.rec >= 128 ? 2u : 0u);
-            const uint32_t error = uint32_t{c.rec} << 24 | uint32_t{c.tec} << 16 | uint32_t(c.lec & 7) << 4 | flags;
+            const uint32_t error = uint32_t{c.rec} << 24 | uint32_t{c.tec} << 16 | uint32_t(c.lec & 7) << 4 | c.state_flags();
             p.le32(c.status_word).le32(error);
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0xC05, [this](const Frame& f) {
-        adapter_.answer(f.command, Payload().u8(uint8_t(start_schedule(f.u8(0), f.u8(1), f.u8(2)))));
-    });
-    adapter_.on(0xC06, [this](const Frame& f) {
-        if (f.u8(0) < kChannels) {
-            std::lock_guard<std::mutex> g(mutex_);
-            ++ch(f.u8(0)).schedule_generation;
-            ch(f.u8(0)).schedule_running = false;
-        }
-        adapter_.answer(f.command);
-    });
-    adapter_.on(0xC07, [this](const Frame& f) {
-        {
-            std::lock_guard<std::mutex> g(mutex_);
-            relay_ = f.u8(0);
-        }
-        adapter_.answer(f.command, Payload().u8(f.u8(0)));
-    });
-    adapter_.on(0xC08, [this](const Frame& f) {
-        // [0] channel, [1] tables, counts, u16 parameters (little-endian), 20-byte frames.
-        const int index = f.u8(0);
-        const unsigned tables = f.u8(1);
-        size_t frames = 0;
-        for (unsigned t = 0; t < tables; ++t) frames += f.u8(2 + t);
-        uint8_t verdict = 1;
-        if (index < kChannels && tables != 0 && f.payload.size() == 2 + 3 * tables + frames * kClassicRecord) {
-            auto s = std::make_shared<Tables>();
-            size_t offset = 2 + 3 * tables;
-            for (unsigned t = 0; t < tables; ++t) {
-                s->params.push_back(uint16_t(f.u8(2 + tables + 2 * t) | f.u8(3 + tables + 2 * t) << 8));
-                std::vector<Tables::Entry> table;
-                for (unsigned i = 0; i < f.u8(2 + t); ++i, offset += kClassicRecord)
-                    table.push_back({frame_from_classic_record(&f.payload[offset]), le32(&f.payload[offset + 4])});
-                s->tables.push_back(std::move(table));
-            }
-            std::lock_guard<std::mutex> g(mutex_);
-            ch(index).uploaded = s;
-            ch(index).uploaded_us = adapter_.clock_us();
-            verdict = 0;
-        }
-        adapter_.answer(f.command, Payload().u8(verdict));
-    });
-    adapter_.on(0xC09, [this](const Frame& f) {
-        if (f.u8(0) < kChannels) {
-            std::lock_guard<std::mutex> g(mutex_);
-            Channel& c = ch(f.u8(0));
-            c.initialised = false;
-            c.rx.clear();
-            ++c.schedule_generation;
-            c.schedule_running = false;
-        }
-        adapter_.answer(f.command);
-    });
+    adapter_.on(0xC05, [this](const Frame& f) { on_start_schedule(f); });
+    adapter_.on(0xC06, [this](const Frame& f) { on_stop_schedule(f); });
+    adapter_.on(0xC07, [this](const Frame& f) { on_relay(f); });
+    adapter_.on(0xC08, [this](const Frame& f) { on_upload(f, kClassicRecord); });
+    adapter_.on(0xC09, [this](const Frame& f) { on_stop(f); });
 }
 
 void CanModel::on_classic_send(const Frame& f) {
@@ -738,29 +756,13 @@ void CanModel::fd_commands() {
         {
             std::lock_guard<std::mutex> g(mutex_);
             const Channel& c = ch(f.u8(0));
-            const uint8_t state = (c.tec >= 96 || c.rec >= 96 ? 1 : 0) | (c.tec >= 128 || c.rec >= 128 ? 2 : 0);
-            p.u8(c.tec).u8(c.rec).u8(c.lec).u8(state);
+            p.u8(c.tec).u8(c.rec).u8(c.lec).u8(c.state_flags());
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0x4006, [this](const Frame& f) {
-        adapter_.answer(f.command, Payload().u8(uint8_t(start_schedule(f.u8(0), f.u8(1), f.u8(2)))));
-    });
-    adapter_.on(0x4007, [this](const Frame& f) {
-        if (f.u8(0) < kChannels) {
-            std::lock_guard<std::mutex> g(mutex_);
-            ++ch(f.u8(0)).schedule_generation;
-            ch(f.u8(0)).schedule_running = false;
-        }
-        adapter_.answer(f.command);
-    });
-    adapter_.on(0x4008, [this](const Frame& f) {
-        {
-            std::lock_guard<std::mutex> g(mutex_);
-            relay_ = f.u8(0);
-        }
-        adapter_.answer(f.command, Payload().u8(f.u8(0)));
-    });
+    adapter_.on(0x4006, [this](const Frame& f) { on_start_schedule(f); });
+    adapter_.on(0x4007, [this](const Frame& f) { on_stop_schedule(f); });
+    adapter_.on(0x4008, [this](const Frame& f) { on_relay(f); });
     adapter_.on(0x4009, [this](const Frame& f) {
         std::vector<uint8_t> out;
         {
@@ -794,40 +796,8 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0x400B, [this](const Frame& f) {
-        const int index = f.u8(0);
-        const unsigned tables = f.u8(1);
-        size_t frames = 0;
-        for (unsigned t = 0; t < tables; ++t) frames += f.u8(2 + t);
-        uint8_t verdict = 1;
-        if (index < kChannels && tables != 0 && f.payload.size() == 2 + 3 * tables + frames * kFdRecord) {
-            auto s = std::make_shared<Tables>();
-            size_t offset = 2 + 3 * tables;
-            for (unsigned t = 0; t < tables; ++t) {
-                s->params.push_back(uint16_t(f.u8(2 + tables + 2 * t) | f.u8(3 + tables + 2 * t) << 8));
-                std::vector<Tables::Entry> table;
-                for (unsigned i = 0; i < f.u8(2 + t); ++i, offset += kFdRecord)
-                    table.push_back({frame_from_fd_record(&f.payload[offset]), le32(&f.payload[offset + 8])});
-                s->tables.push_back(std::move(table));
-            }
-            std::lock_guard<std::mutex> g(mutex_);
-            ch(index).uploaded = s;
-            ch(index).uploaded_us = adapter_.clock_us();
-            verdict = 0;
-        }
-        adapter_.answer(f.command, Payload().u8(verdict));
-    });
-    adapter_.on(0x400C, [this](const Frame& f) {
-        if (f.u8(0) < kChannels) {
-            std::lock_guard<std::mutex> g(mutex_);
-            Channel& c = ch(f.u8(0));
-            c.initialised = false;
-            c.rx.clear();
-            ++c.schedule_generation;
-            c.schedule_running = false;
-        }
-        adapter_.answer(f.command);
-    });
+    adapter_.on(0x400B, [this](const Frame& f) { on_upload(f, kFdRecord); });
+    adapter_.on(0x400C, [this](const Frame& f) { on_stop(f); });
 }
 
 void CanModel::on_fd_send(const Frame& f) {

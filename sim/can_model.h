@@ -132,6 +132,11 @@ private:
     void on_classic_send(const Frame& f);
     void on_fd_send(const Frame& f);
     void on_fetch(const Frame& f);
+    void on_start_schedule(const Frame& f);
+    void on_stop_schedule(const Frame& f);
+    void on_relay(const Frame& f);
+    void on_upload(const Frame& f, size_t record);
+    void on_stop(const Frame& f);
     int start_schedule(int ch, uint8_t table, uint8_t passes);
     void schedule_step(int ch, uint32_t generation);
     std::shared_ptr<Tables> stored_schedule(int ch);
