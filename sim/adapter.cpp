@@ -202,7 +202,9 @@ void Adapter::timer_loop() {
         auto next = std::min_element(timers_.begin(), timers_.end(),
                                      [](const Timer& a, const Timer& b) { return a.due < b.due; });
         if (next->due > std::chrono::steady_clock::now()) {
-            timer_cv_.wait_until(lk, next->due);
+            // By value: while this waits, after() may grow timers_ and move its elements.
+            const auto due = next->due;
+            timer_cv_.wait_until(lk, due);
             continue;
         }
         auto fn = std::move(next->fn);

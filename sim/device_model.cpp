@@ -19,9 +19,10 @@ DeviceModel::DeviceModel(Adapter& a)
         adapter_.answer(f.command);
     });
     a.on(0x0011, [this](const Frame& f) {
-        // Selector 0: microseconds since reset; anything else: milliseconds.
+        // Selector 0: the CAN time base (100 us units) that received frames are stamped
+        // with; anything else: milliseconds.
         const uint64_t us = adapter_.clock_us();
-        const uint64_t value = f.u8(0) == 0 ? us : us / 1000;
+        const uint64_t value = f.u8(0) == 0 ? us / 100 : us / 1000;
         Payload p;
         for (int i = 0; i < 8; ++i) p.u8(uint8_t(value >> (8 * i)));
         adapter_.answer(f.command, p);
@@ -76,7 +77,7 @@ DeviceModel::DeviceModel(Adapter& a)
         const size_t n = f.payload.size() >= 4 ? f.payload.size() - 4 : 0;
         {
             std::lock_guard<std::mutex> g(mutex_);
-            if (addr != sch_write_addr_) sch_write_cursor_ = addr;
+            if (addr != sch_write_addr_) sch_write_cursor_ = static_cast<uint32_t>(std::min(schedule_offset(addr), kScheduleSize));
             for (size_t i = 0; i < n && sch_write_cursor_ + i < schedule_.size(); ++i)
                 schedule_[sch_write_cursor_ + i] = f.payload[4 + i];
             sch_write_cursor_ += static_cast<uint32_t>(n);
@@ -91,7 +92,7 @@ DeviceModel::DeviceModel(Adapter& a)
         std::vector<uint8_t> out;
         {
             std::lock_guard<std::mutex> g(mutex_);
-            if (addr != sch_read_addr_) sch_read_cursor_ = addr;
+            if (addr != sch_read_addr_) sch_read_cursor_ = static_cast<uint32_t>(std::min(schedule_offset(addr), kScheduleSize));
             for (uint32_t i = 0; i < len && sch_read_cursor_ + i < schedule_.size(); ++i)
                 out.push_back(schedule_[sch_read_cursor_ + i]);
             sch_read_cursor_ += len;
@@ -100,9 +101,19 @@ DeviceModel::DeviceModel(Adapter& a)
         adapter_.answer(f.command, out);
     });
     a.on(0x010C, [this](const Frame& f) {
+        const uint32_t arg = f.be32(0);
+        const uint64_t now = adapter_.clock_us();
         {
             std::lock_guard<std::mutex> g(mutex_);
-            std::fill(schedule_.begin(), schedule_.end(), 0xFF);
+            if (arg >= kScheduleWindow && arg - kScheduleWindow < kScheduleSize) {
+                const size_t sector = (arg - kScheduleWindow) / kScheduleSector;
+                std::fill(schedule_.begin() + sector * kScheduleSector, schedule_.begin() + (sector + 1) * kScheduleSector,
+                          0xFF);
+                sector_erased_us_[sector] = now;
+            } else {
+                std::fill(schedule_.begin(), schedule_.end(), 0xFF);
+                for (auto& t : sector_erased_us_) t = now;
+            }
             schedule_used_ = 0;
             sch_write_addr_ = sch_read_addr_ = 0xFFFFFFFF;
         }
@@ -169,6 +180,19 @@ uint8_t DeviceModel::power_level() {
     std::lock_guard<std::mutex> g(mutex_);
     return power_;
 }
+size_t DeviceModel::schedule_offset(uint32_t addr) {
+    if (addr < kScheduleSize) return addr;
+    if (addr >= kScheduleWindow && addr - kScheduleWindow < kScheduleSize) return addr - kScheduleWindow;
+    return SIZE_MAX;
+}
+
+uint64_t DeviceModel::schedule_erased_us(uint32_t addr) {
+    const size_t offset = schedule_offset(addr);
+    if (offset == SIZE_MAX) return 0;
+    std::lock_guard<std::mutex> g(mutex_);
+    return sector_erased_us_[offset / kScheduleSector];
+}
+
 size_t DeviceModel::schedule_bytes() {
     std::lock_guard<std::mutex> g(mutex_);
     return schedule_used_;

@@ -1,5 +1,6 @@
 // Every family model a simulated adapter carries.
 #include "adapter.h"
+#include "can_model.h"
 #include "device_model.h"
 #include "gpio_model.h"
 
@@ -8,6 +9,7 @@ namespace polybus_sim {
 void install_models(Adapter& adapter) {
     adapter.model<DeviceModel>();
     adapter.model<GpioModel>();
+    adapter.model<CanModel>();
 }
 
 }  // namespace polybus_sim

@@ -1,0 +1,397 @@
+// Classic CAN: channel set-up, filters, error state, relay, frame transfer and the
+// host-side receive buffers. Calls with a CAN FD handle convert their records and go to
+// the CAN FD family.
+#include <sys/time.h>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "can/can_internal.h"
+#include "polybus/usb_device.h"
+#include "transport/exchange.h"
+
+using namespace polybus;
+
+namespace {
+
+constexpr int kSlots = POLYBUS_MAX_DEVICES;
+constexpr uint32_t kSendChunk = 500;
+
+// Anchors of the host-side time stamps, set by every successful CAN_Init of an
+// adapter: wall-clock ms at that moment and the adapter's clock (100 us units).
+std::atomic<uint64_t> TimeStart[kSlots];
+std::atomic<uint32_t> CANTimeStampError[kSlots];
+
+// A command whose success is an empty answer.
+int acknowledged(int dev, Command& request) {
+    AnswerBuffer<16> answer;
+    const int rc = transact(dev, request, answer);
+    if (rc != 0) return rc;
+    return answer.length == 0 ? 0 : -4;
+}
+
+// Segment values travel as register codes (value - 1) for channels 0 and 1; a zero
+// still goes as 1, which the firmware expects.
+uint8_t segment_code(uint8_t channel, uint8_t value) {
+    if (channel > 1) return value;
+    return value == 0 ? 1 : static_cast<uint8_t>(value - 1);
+}
+
+// Acceptance register layout: standard identifier in bits 31-21, extended part in
+// bits 20-3, IDE bit 2, RTR bit 1.
+uint32_t filter_register(uint32_t value, uint32_t ide, uint32_t rtr, bool extended, bool with_identifier) {
+    uint32_t reg = (ide & 1u) << 2 | (rtr & 1u) << 1;
+    if (!with_identifier) return reg;
+    const uint32_t standard = extended ? (value >> 18) & 0x7FFu : value & 0x7FFu;
+    const uint32_t extension = extended ? value & 0x3FFFFu : 0;
+    return reg | standard << 21 | extension << 3;
+}
+
+// Relay settings block in the user-data area.
+constexpr uint32_t kRelayMagic = 0x7BB0F5C0u;
+constexpr uint32_t kRelayFormat = 0x00030003u;
+constexpr size_t kRelayPrefix = 12;                      // magic, format, length
+constexpr size_t kRelayHeader = sizeof(CAN_RELAY_HEADER);  // 48
+constexpr size_t kRelayReadSize = kRelayPrefix + kRelayHeader + CAN_RELAY_MAX_ENTRIES * CAN_RELAY_ENTRY_SIZE;
+constexpr size_t kUserDataWriteLimit = 20480;
+
+// CAN_SetRelayData and CANFD_SetRelayData (likewise the Get pair) hand a CAN FD handle
+// to each other without end: relay data exists on classic adapters only. The endless
+// hand-over is kept, as a wait that does not exhaust the caller's stack.
+[[noreturn]] void relay_data_forever() {
+    for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+int fetch_classic(int dev, unsigned char channel) { return CAN_ReadMsgToBuffer(dev, channel); }
+
+CAN_MSG* read_scratch() {
+    thread_local std::unique_ptr<CAN_MSG[]> scratch(new CAN_MSG[CAN_READ_MAX_FRAMES]);
+    return scratch.get();
+}
+
+}  // namespace
+
+namespace polybus {
+Reception<CAN_MSG>& can_reception() {
+    static Reception<CAN_MSG> reception(&fetch_classic);
+    return reception;
+}
+}  // namespace polybus
+
+extern "C" {
+
+POLYBUS_API uint64_t GetTimestampOfDay(void) {
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    return static_cast<uint64_t>(tv.tv_sec) * 1000u + static_cast<uint64_t>(tv.tv_usec) / 1000u;
+}
+
+// ---- Set-up -----------------------------------------------------------------------
+
+POLYBUS_API int CAN_Init(int dev, unsigned char ch, CAN_INIT_CONFIG* cfg) {
+    if (cfg == nullptr) return -4;
+    if (is_canfd_handle(dev)) {
+        CANFD_INIT_CONFIG fd;
+        std::memset(&fd, 0, sizeof(fd));
+        fd.Mode = cfg->CAN_Mode & 1u;
+        fd.Option1 = 0;
+        fd.Option2 = 1;
+        fd.ResEnable = (cfg->CAN_Mode >> 7) & 1u;
+        fd.NBT_BRP = static_cast<uint8_t>(cfg->CAN_BRP);
+        fd.NBT_SEG1 = cfg->CAN_BS1;
+        fd.NBT_SEG2 = cfg->CAN_BS2;
+        fd.NBT_SJW = cfg->CAN_SJW;
+        return CANFD_Init(dev, ch, &fd);
+    }
+    // A channel being re-initialised is no longer served by the reader thread.
+    if (ch < 2) can_reception().stop_flag(dev, ch);
+    Command request(0xC00);
+    request.u8(ch).u8(0).u8(cfg->CAN_ABOM & 1u).u8(0).u8(cfg->CAN_NART & 1u).u8(cfg->CAN_RFLM & 1u)
+        .u8(cfg->CAN_TXFP & 1u).u8(cfg->CAN_Mode).u8(segment_code(ch, cfg->CAN_SJW))
+        .u8(segment_code(ch, cfg->CAN_BS1)).u8(segment_code(ch, cfg->CAN_BS2))
+        .u16(static_cast<uint16_t>(cfg->CAN_BRP));
+    const int rc = acknowledged(dev, request);
+    if (rc != 0) return rc;
+    const int slot = can_slot(dev);
+    if (slot >= 0) {
+        uint8_t stamp[POLYBUS_TIMESTAMP_SIZE] = {0};
+        if (DEV_GetTimestamp(dev, 0, stamp)) CANTimeStampError[slot].store(get_le32(stamp));
+        TimeStart[slot].store(GetTimestampOfDay());
+    }
+    return 0;
+}
+
+POLYBUS_API int CAN_Filter_Init(int dev, unsigned char ch, CAN_FILTER_CONFIG* f) {
+    if (f == nullptr) return -4;
+    if (is_canfd_handle(dev)) {
+        CANFD_FILTER_CONFIG entry;
+        std::memset(&entry, 0, sizeof(entry));
+        entry.Enable = f->Enable;
+        entry.Index = f->FilterIndex;
+        entry.ID = f->IdValue | (f->IdRtr & 1u) << 30 | f->IdIde << 31;
+        entry.Mask = f->FilterMode != 0 ? 0xFFFFFFFFu : f->MaskValue | (f->MaskRtr & 1u) << 30 | f->MaskIde << 31;
+        return CANFD_SetFilter(dev, ch, &entry, 1);
+    }
+    const bool extended = f->ExtFrame == 1;
+    const bool mask_mode = f->FilterMode == 0;
+    Command request(0xC01);
+    request.u8(ch)
+        .u8(static_cast<uint8_t>(ch * 14 + f->FilterIndex % 14))
+        .u8(f->FilterMode)
+        .u8(1)  // 32-bit filter scale
+        .u32(filter_register(f->IdValue, f->IdIde, f->IdRtr, extended, true))
+        .u32(filter_register(f->MaskValue, f->MaskIde, f->MaskRtr, extended, mask_mode))
+        .u8(0)
+        .u8(f->Enable);
+    return acknowledged(dev, request);
+}
+
+POLYBUS_API int CAN_Stop(int dev, unsigned char ch) {
+    if (is_canfd_handle(dev)) {
+        CANFD_StopGetMsg(dev, ch);
+        const int rc = CANFD_Stop(dev, ch);
+        return rc != 0 ? rc : 0;
+    }
+    can_reception().stop(dev, ch);  // joins the reader once neither channel is read
+    Command request(0xC09);
+    request.u8(ch);
+    const int rc = acknowledged(dev, request);
+    if (rc != 0) return rc;
+    CAN_ClearMsg(dev, ch);
+    return 0;
+}
+
+POLYBUS_API int CAN_GetStatus(int dev, unsigned char ch, CAN_STATUS* status) {
+    if (is_canfd_handle(dev)) {
+        CANFD_BUS_ERROR errors;
+        std::memset(&errors, 0, sizeof(errors));
+        const int rc = CANFD_GetBusError(dev, ch, &errors);
+        if (rc == 0 && status != nullptr) {
+            status->TECounter = errors.TEC;
+            status->RECounter = errors.REC;
+        }
+        return rc;
+    }
+    Command request(0xC04);
+    request.u8(ch);
+    AnswerBuffer<8> answer;
+    const int rc = transact(dev, request, answer);
+    if (rc != 0) return rc;
+    if (status != nullptr) {
+        uint8_t words[8] = {0};
+        std::memcpy(words, answer.buffer(), answer.received);
+        std::memcpy(&status->StatusReg, words, 4);  // the adapter's own byte order, as sent
+        std::memcpy(&status->ErrorReg, words + 4, 4);
+        status->RECounter = static_cast<uint8_t>(status->ErrorReg >> 24);
+        status->TECounter = static_cast<uint8_t>(status->ErrorReg >> 16);
+        status->LECode = static_cast<uint8_t>((status->ErrorReg >> 4) & 0x7u);
+    }
+    return 0;
+}
+
+POLYBUS_API int CAN_SetRelay(int dev, unsigned char state) {
+    if (is_canfd_handle(dev)) return CANFD_SetRelay(dev, state);
+    Command request(0xC07);
+    request.u8(state);
+    AnswerBuffer<8> answer;
+    const int rc = transact(dev, request, answer);
+    if (rc != 0) return rc;
+    return answer.received >= 1 && answer.u8(0) == state ? 0 : -4;
+}
+
+POLYBUS_API int CAN_SetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned char* entries) {
+    if (is_canfd_handle(dev)) relay_data_forever();
+    if (header == nullptr) return -4;
+    const uint64_t count = header->EntryCount;
+    const uint64_t size = kRelayPrefix + kRelayHeader + count * CAN_RELAY_ENTRY_SIZE;
+    if (count != 0 && entries == nullptr) return -4;
+    if (!DEV_EraseUserData(dev)) return -4;
+    // The user-data area takes at most this much in one write; the adapter would refuse.
+    if (size > kUserDataWriteLimit) return -4;
+    std::vector<uint8_t> block(static_cast<size_t>(size));
+    put_le32(block.data(), kRelayMagic);
+    put_le32(block.data() + 4, kRelayFormat);
+    put_le32(block.data() + 8, static_cast<uint32_t>(kRelayHeader + count * CAN_RELAY_ENTRY_SIZE));
+    std::memcpy(block.data() + kRelayPrefix, header, kRelayHeader);
+    if (count != 0) std::memcpy(block.data() + kRelayPrefix + kRelayHeader, entries, count * CAN_RELAY_ENTRY_SIZE);
+    const int len = static_cast<int>(block.size());
+    if (!DEV_WriteUserData(dev, 0, block.data(), len)) return -4;
+    std::vector<uint8_t> back(block.size(), 0);
+    if (!DEV_ReadUserData(dev, 0, back.data(), len)) return -4;
+    for (size_t i = 0; i < block.size(); i += 4)
+        if (std::memcmp(block.data() + i, back.data() + i, 4) != 0) return -4;
+    return 0;
+}
+
+POLYBUS_API int CAN_GetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned char* entries) {
+    if (is_canfd_handle(dev)) relay_data_forever();
+    std::vector<uint8_t> block(kRelayReadSize, 0);
+    if (!DEV_ReadUserData(dev, 0, block.data(), static_cast<int>(block.size()))) return -4;
+    if (get_le32(block.data()) != kRelayMagic || get_le32(block.data() + 4) != kRelayFormat) return 0;
+    if (get_le32(block.data() + 8) < 61) return 0;
+    const uint32_t stored = get_le32(block.data() + kRelayPrefix + offsetof(CAN_RELAY_HEADER, EntryCount));
+    const uint32_t count = stored < CAN_RELAY_MAX_ENTRIES ? stored : CAN_RELAY_MAX_ENTRIES;
+    if (header != nullptr) std::memcpy(header, block.data() + kRelayPrefix, kRelayHeader);
+    if (entries != nullptr)
+        std::memcpy(entries, block.data() + kRelayPrefix + kRelayHeader, size_t{count} * CAN_RELAY_ENTRY_SIZE);
+    return static_cast<int>(count);
+}
+
+// ---- Frames -----------------------------------------------------------------------
+
+POLYBUS_API int CAN_SendMsg(int dev, unsigned char ch, CAN_MSG* msgs, unsigned int count) {
+    if (count == 0) return 0;
+    if (msgs == nullptr) return -4;
+    if (is_canfd_handle(dev)) {
+        std::vector<CANFD_MSG> frames(count);
+        can_to_canfd(msgs, frames.data(), count);
+        const int sent = CANFD_SendMsg(dev, ch, frames.data(), count);
+        if (sent > 0) canfd_to_can(frames.data(), msgs, static_cast<size_t>(sent));
+        return sent;
+    }
+    const int slot = can_slot(dev);
+    const uint32_t start = slot >= 0 ? static_cast<uint32_t>(TimeStart[slot].load()) : 0;
+    const uint32_t anchor = slot >= 0 ? CANTimeStampError[slot].load() : 0;
+    const uint8_t host_flags = static_cast<uint8_t>(0x80u | ch << 5);
+    uint32_t total = 0;
+    for (uint32_t offset = 0; offset < count; offset += kSendChunk) {
+        const uint32_t k = count - offset < kSendChunk ? count - offset : kSendChunk;
+        Command request(0xC02, 1 + size_t{k} * sizeof(CAN_MSG));
+        request.u8(ch);
+        for (uint32_t i = 0; i < k; ++i) {
+            CAN_MSG& frame = msgs[offset + i];
+            // Transmitted frames are stamped on the adapter's 100 us time base.
+            const uint32_t now = static_cast<uint32_t>(GetTimestampOfDay());
+            frame.TimeStamp = (now - start) * 10u + anchor;
+            frame.RemoteFlag = static_cast<uint8_t>(host_flags | (frame.RemoteFlag & 1u));
+            CAN_MSG wire = frame;
+            wire.RemoteFlag = frame.RemoteFlag & 1u;
+            wire.ExternFlag = frame.ExternFlag & 1u;
+            wire.TimeStamp = 0;
+            request.bytes(&wire, sizeof(wire));
+        }
+        AnswerBuffer<16> answer;
+        const int rc = transact(dev, request, answer, {1000, static_cast<int>(1000 + 200 * k)});
+        if (rc == -2) return -2;
+        if (rc != 0 || answer.command != 0xC02) return -4;
+        total += answer.le32(0);
+    }
+    return static_cast<int>(total);
+}
+
+POLYBUS_API int CAN_ReadMsg(int dev, unsigned char ch, CAN_MSG* out) {
+    if (is_canfd_handle(dev)) {
+        std::vector<CANFD_MSG> frames(CAN_READ_MAX_FRAMES);
+        const int n = CANFD_GetMsg(dev, ch, frames.data(), CAN_READ_MAX_FRAMES);
+        if (n > 0 && out != nullptr) canfd_to_can(frames.data(), out, static_cast<size_t>(n));
+        return n;
+    }
+    Command request(0xC03);
+    request.u8(ch);
+    Answer answer(out, out != nullptr ? CAN_READ_MAX_FRAMES * sizeof(CAN_MSG) : 0);
+    const int rc = transact(dev, request, answer);
+    if (rc != 0) return rc;
+    return static_cast<int>(answer.received / sizeof(CAN_MSG));
+}
+
+POLYBUS_API int CAN_ReadMsgToBuffer(int dev, unsigned char ch) {
+    if (is_canfd_handle(dev)) return CANFD_ReadMsgToBuffer(dev, ch);
+    CAN_MSG* frames = read_scratch();
+    const int n = CAN_ReadMsg(dev, ch, frames);
+    if (n < 0) return n;
+    sort_by_stamp(frames, static_cast<size_t>(n));
+    const uint8_t channel_bits = static_cast<uint8_t>((ch << 5) & 0x60);
+    for (int i = 0; i < n; ++i) frames[i].RemoteFlag |= channel_bits;
+    can_reception().append(dev, ch, frames, static_cast<size_t>(n), true);
+    return 0;
+}
+
+POLYBUS_API void CAN_QuickSort(CAN_MSG* msgs, int low, int high, int) {
+    if (msgs == nullptr || low < 0 || low >= high) return;
+    sort_by_stamp(msgs + low, static_cast<size_t>(high - low) + 1);
+}
+
+POLYBUS_API void* CAN_ReadMsgThread(void* pDevHandle) {
+    if (pDevHandle != nullptr) can_reception().run(*static_cast<int*>(pDevHandle));
+    return nullptr;
+}
+
+POLYBUS_API int CAN_StartGetMsg(int dev, unsigned char ch) {
+    if (is_canfd_handle(dev)) return CANFD_StartGetMsg(dev, ch);
+    return can_reception().start(dev, ch);
+}
+
+POLYBUS_API int CAN_StopGetMsg(int dev, unsigned char ch) {
+    if (is_canfd_handle(dev)) return CANFD_StopGetMsg(dev, ch);
+    return can_reception().stop(dev, ch);
+}
+
+POLYBUS_API int CAN_GetMsg(int dev, unsigned char ch, CAN_MSG* out) {
+    if (is_canfd_handle(dev)) {
+        std::vector<CANFD_MSG> frames(CAN_READ_MAX_FRAMES);
+        const int n = CANFD_GetMsg(dev, ch, frames.data(), CAN_READ_MAX_FRAMES);
+        if (n > 0 && out != nullptr) canfd_to_can(frames.data(), out, static_cast<size_t>(n));
+        return n;
+    }
+    if (!can_reception().reading(dev, ch)) CAN_ReadMsgToBuffer(dev, ch);
+    return static_cast<int>(can_reception().take(dev, ch, out, CAN_BUFFER_FRAMES, false));
+}
+
+POLYBUS_API int CAN_GetMsgWithSize(int dev, unsigned char ch, CAN_MSG* out, int size) {
+    if (is_canfd_handle(dev)) {
+        std::vector<CANFD_MSG> frames(size > 0 ? static_cast<size_t>(size) : 0);
+        const int n = CANFD_GetMsg(dev, ch, frames.data(), size);
+        if (n > 0 && out != nullptr) canfd_to_can(frames.data(), out, static_cast<size_t>(n));
+        return n;
+    }
+    ch &= 1;
+    if (!can_reception().reading(dev, ch)) {
+        const int rc = CAN_ReadMsgToBuffer(dev, ch);
+        if (rc < 0) return rc;
+    }
+    if (size < 1) return 0;
+    return static_cast<int>(can_reception().take(dev, ch, out, static_cast<size_t>(size), false));
+}
+
+POLYBUS_API int CAN_ClearMsg(int dev, unsigned char ch) {
+    if (is_canfd_handle(dev)) return CANFD_ClearMsg(dev, ch);
+    // Without a reader, what the adapter holds is drained too (it also reaches the UDS
+    // buffer, as every fetch does).
+    if (!can_reception().reading(dev, ch)) CAN_ReadMsgToBuffer(dev, ch);
+    can_reception().discard(dev, ch, false);
+    return 0;
+}
+
+POLYBUS_API int CAN_SetCANMsgToBuffer(int dev, unsigned char ch, CAN_MSG* msgs, int count) {
+    if (is_canfd_handle(dev)) {
+        if (count < 1 || msgs == nullptr) return 0;
+        std::vector<CANFD_MSG> frames(static_cast<size_t>(count));
+        can_to_canfd(msgs, frames.data(), frames.size());
+        return CANFD_SetCANMsgToBuffer(dev, ch, frames.data(), count);
+    }
+    if (count < 1 || msgs == nullptr) return 0;
+    can_reception().append(dev, ch, msgs, static_cast<size_t>(count), false);
+    return 0;
+}
+
+POLYBUS_API int CAN_GetCANMsgFromUDSBuffer(int dev, unsigned char ch, CAN_MSG* out, int size) {
+    if (is_canfd_handle(dev)) {
+        std::vector<CANFD_MSG> frames(size > 0 ? static_cast<size_t>(size) : 0);
+        const int n = CANFD_GetCANMsgFromUDSBuffer(dev, ch, frames.data(), size);
+        if (n > 0 && out != nullptr) canfd_to_can(frames.data(), out, static_cast<size_t>(n));
+        return n;
+    }
+    if (!can_reception().reading(dev, ch)) CAN_ReadMsgToBuffer(dev, ch);
+    if (size < 1) return 0;
+    return static_cast<int>(can_reception().take(dev, ch, out, static_cast<size_t>(size), true));
+}
+
+POLYBUS_API int CAN_ClearCANMsgFromUDSBuffer(int dev, unsigned char ch) {
+    if (is_canfd_handle(dev)) return CANFD_ClearCANMsgFromUDSBuffer(dev, ch);
+    can_reception().discard(dev, ch, true);
+    return 0;
+}
+
+}  // extern "C"

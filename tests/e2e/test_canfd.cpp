@@ -1,0 +1,213 @@
+// The CAN FD command set end to end: packed 64-byte frames with bit-rate switching, the
+// per-channel send endpoint, send-status polling and transmit events, diagnostics.
+#include <cstring>
+
+#include "can_test_support.h"
+
+using namespace can_test;
+using namespace polybus_sim;
+
+namespace {
+class CanFd : public CanKindTest {
+protected:
+    void open_fd(unsigned nominal = 500000, unsigned data = 2000000) {
+        CANFD_INIT_CONFIG c{};
+        ASSERT_EQ(CANFD_GetCANSpeedArg(handle, &c, nominal, data), 0);
+        ASSERT_EQ(CANFD_Init(handle, 0, &c), 0);
+        ASSERT_EQ(CANFD_Init(handle, 1, &c), 0);
+        trace->clear();
+        adapter->clear_received();
+    }
+
+    static CANFD_MSG fd_frame(uint32_t id, uint8_t len, uint8_t flags, uint8_t seed) {
+        CANFD_MSG m{};
+        m.ID = id;
+        m.DLC = len;
+        m.Flags = flags;
+        for (int i = 0; i < 64; ++i) m.Data[i] = uint8_t(seed + i);
+        return m;
+    }
+
+    std::vector<CANFD_MSG> receive(int ch) {
+        std::vector<CANFD_MSG> out(CANFD_READ_MAX_FRAMES);
+        const int n = CANFD_GetMsg(handle, static_cast<unsigned char>(ch), out.data(), CANFD_READ_MAX_FRAMES);
+        out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        return out;
+    }
+};
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Adapters, CanFd, ::testing::Values(kFd, kFd2), kind_name);
+
+TEST_P(CanFd, LongFramesWithBitRateSwitchCrossTheBus) {
+    open_fd();
+    EXPECT_EQ(can().channel(0).nominal_bps, 500000u);
+    EXPECT_EQ(can().channel(0).data_bps, 2000000u);
+    std::vector<CANFD_MSG> out = {fd_frame(0x80000000u | 0x1234567, 64, 0x05, 1), fd_frame(0x123, 20, 0x04, 2),
+                                  fd_frame(0x456, 13, 0x05, 3), fd_frame(0x7FF, 8, 0x00, 4)};
+    const uint64_t before = adapter->clock_us() / 10;
+    ASSERT_EQ(CANFD_SendMsg(handle, 0, out.data(), 4), 4);
+    const uint64_t after = adapter->clock_us() / 10;
+
+    // One request of 4 packed frames: 12-byte head, then 12 + coded length each.
+    auto sends = trace->sends();
+    ASSERT_GE(sends.size(), 3u);
+    EXPECT_EQ(sends[0].command, 0x4002u);
+    EXPECT_EQ(sends[0].length, 12u + (12 + 64) + (12 + 20) + (12 + 16) + (12 + 8));
+    EXPECT_EQ(std::vector<uint8_t>(sends[0].data.begin(), sends[0].data.begin() + 12),
+              (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4}));
+    const uint8_t* second = sends[0].data.data() + 12 + 76;
+    EXPECT_EQ(second[4] & 0xF, 11) << "20 bytes: coded DLC 11";
+    EXPECT_EQ(second[5] >> 1, 1) << "index within the request";
+    const uint8_t* third = second + 32;
+    EXPECT_EQ(third[4] & 0xF, 10) << "13 bytes go as 16";
+    EXPECT_EQ(third[12 + 15], uint8_t(3 + 15));
+
+    // Transmit events stamp the caller's frames on the adapter's 10 us clock.
+    for (auto& m : out) {
+        EXPECT_EQ(m.Flags & 0xE0, 0x80);
+        EXPECT_GE(m.TimeStamp + 100, before);
+        EXPECT_LE(m.TimeStamp, after + 100);
+    }
+    EXPECT_EQ(out[0].Flags, 0x85);
+    EXPECT_EQ(out[0].ID, 0x80000000u | 0x1234567);
+    EXPECT_LT(out[0].TimeStamp, out[3].TimeStamp);
+
+    auto got = receive(1);
+    ASSERT_EQ(got.size(), 4u);
+    EXPECT_EQ(got[0].ID, out[0].ID);
+    EXPECT_EQ(got[0].DLC, 64);
+    EXPECT_EQ(got[0].Flags, 0x05 | 0x20) << "bit-rate switch, FD frame, channel 1";
+    EXPECT_EQ(std::memcmp(got[0].Data, out[0].Data, 64), 0);
+    EXPECT_EQ(got[1].DLC, 20);
+    EXPECT_EQ(got[2].DLC, 16);
+    EXPECT_EQ(got[2].Data[15], uint8_t(3 + 15));
+    EXPECT_EQ(got[3].Flags, 0x20);
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(got[i].TimeStamp, out[i].TimeStamp) << "the same moment on the bus";
+
+    // A classic-only node does not take FD frames; a data-phase mismatch loses switched frames.
+    CANFD_INIT_CONFIG slow{};
+    ASSERT_EQ(CANFD_GetCANSpeedArg(handle, &slow, 500000, 1000000), 0);
+    ASSERT_EQ(CANFD_Init(handle, 1, &slow), 0);
+    EXPECT_EQ(CANFD_SendMsg(handle, 0, out.data(), 1), 0);
+    EXPECT_EQ(CANFD_SendMsg(handle, 0, out.data() + 1, 1), 1) << "no bit-rate switch: still heard";
+}
+
+TEST_P(CanFd, EachChannelSendsThroughItsOwnEndpoint) {
+    open_fd();
+    CANFD_MSG m = fd_frame(0x10, 8, 0, 0);
+    ASSERT_EQ(CANFD_SendMsg(handle, 1, &m, 1), 1);
+    ASSERT_EQ(CANFD_SendMsg(handle, 0, &m, 1), 1);
+    auto frames = adapter->received();
+    int ep2_sends = 0;
+    for (auto& f : frames) {
+        if (f.command == 0x4002 || f.command == 0x400A) {
+            EXPECT_EQ(f.endpoint, f.command == 0x4002 ? (f.payload[10] == 1 ? 2 : 1) : (f.payload[0] == 1 ? 2 : 1));
+            if (f.endpoint == 2) ++ep2_sends;
+        } else {
+            EXPECT_EQ(f.endpoint, 1) << std::hex << f.command;  // events and everything else
+        }
+    }
+    EXPECT_GE(ep2_sends, 2);
+    CAN_TX_BUFFER_FLAG state{};
+    ASSERT_EQ(CANFD_SendMsgStatus(handle, 1, &state), 0);
+    EXPECT_EQ(state.TxCount, 1);
+    EXPECT_EQ(state.TxTotal, 1);
+    EXPECT_EQ(state.TxAbort, 0);
+    EXPECT_EQ(trace->sends().back().endpoint, 2);
+    adapter->inject(Fault::WrongEcho, 0x400A);
+    EXPECT_EQ(CANFD_SendMsgStatus(handle, 1, &state), -4);
+}
+
+TEST_P(CanFd, LargeSendsGoInRequestsOf128) {
+    open_fd(1000000, 5000000);
+    std::vector<CANFD_MSG> out;
+    for (uint32_t i = 0; i < 300; ++i) out.push_back(fd_frame(i, 64, 0x05, uint8_t(i)));
+    ASSERT_EQ(CANFD_SendMsg(handle, 0, out.data(), 300), 300);
+    std::vector<int> counts;
+    int events = 0;
+    for (auto& s : trace->sends()) {
+        if (s.command == 0x4002) counts.push_back(s.data[11]);
+        if (s.command == 0x4009) ++events;
+    }
+    EXPECT_EQ(counts, (std::vector<int>{128, 128, 44}));
+    EXPECT_EQ(events, 3);
+    for (uint32_t i = 0; i < 300; ++i) ASSERT_EQ(out[i].Flags & 0x80, 0x80) << i;
+    auto got = receive(1);
+    ASSERT_EQ(got.size(), 300u);
+    EXPECT_EQ(got[299].Data[0], uint8_t(299));
+}
+
+TEST_P(CanFd, AnUnacknowledgedRequestIsAbortedAndSendingStops) {
+    CANFD_INIT_CONFIG c{};
+    ASSERT_EQ(CANFD_GetCANSpeedArg(handle, &c, 500000, 2000000), 0);
+    ASSERT_EQ(CANFD_Init(handle, 0, &c), 0);  // channel 1 stays off: nobody acknowledges
+    trace->clear();
+    std::vector<CANFD_MSG> out(200, fd_frame(0x55, 8, 0, 0));
+    EXPECT_EQ(CANFD_SendMsg(handle, 0, out.data(), 200), 0);
+    int requests = 0;
+    for (auto& s : trace->sends()) requests += s.command == 0x4002;
+    EXPECT_EQ(requests, 1) << "the abort ends the whole send";
+    EXPECT_EQ(out[0].Flags, 0) << "untransmitted frames are not stamped";
+    CANFD_BUS_ERROR e{};
+    ASSERT_EQ(CANFD_GetBusError(handle, 0, &e), 0);
+    EXPECT_EQ(e.TEC, 8);
+}
+
+// The one test that waits out a real timeout: a request that never leaves the adapter
+// counts 0 after 1000 + 100 x frames ms, and the next request follows.
+TEST_P(CanFd, ARequestThatNeverFinishesCountsNothing) {
+    open_fd();
+    can().bus(0)->set_time_scale(1e6);  // a frame now takes minutes
+    CANFD_MSG m = fd_frame(0x1, 8, 0, 0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(CANFD_SendMsg(handle, 0, &m, 1), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1100));
+    int polls = 0, events = 0;
+    for (auto& s : trace->sends()) {
+        polls += s.command == 0x400A;
+        events += s.command == 0x4009;
+    }
+    EXPECT_GT(polls, 10) << "a request under 20 frames is polled back to back";
+    EXPECT_EQ(events, 0);
+    can().bus(0)->set_time_scale(1.0);
+}
+
+TEST_P(CanFd, DiagnosticsAndErrorCounters) {
+    open_fd();
+    CANFD_MSG m = fd_frame(0x10, 8, 0, 0);
+    ASSERT_EQ(CANFD_SendMsg(handle, 0, &m, 1), 1);
+    CANFD_DIAGNOSTIC d{};
+    ASSERT_EQ(CANFD_GetDiagnostic(handle, 0, &d), 0);
+    EXPECT_EQ(d.Data[4], 1) << "the model reports frames sent";
+    can().set_diagnostic(1, {1, 2, 3, 4, 5, 6, 7, 8});
+    ASSERT_EQ(CANFD_GetDiagnostic(handle, 1, &d), 0);
+    EXPECT_EQ(d.Data[7], 8);
+    can().set_error_counters(1, 130, 7, 2);
+    CANFD_BUS_ERROR e{};
+    ASSERT_EQ(CANFD_GetBusError(handle, 1, &e), 0);
+    EXPECT_EQ(e.TEC, 130);
+    EXPECT_EQ(e.REC, 7);
+    adapter->inject(Fault::ShortPayload, 0x4004);
+    EXPECT_EQ(CANFD_GetDiagnostic(handle, 1, &d), -4);
+    adapter->inject(Fault::WrongEcho, 0x4005);
+    EXPECT_EQ(CANFD_GetBusError(handle, 1, &e), -4);
+    EXPECT_EQ(CANFD_SetRelay(handle, 3), 0);
+    EXPECT_EQ(can().relay_state(), 3);
+}
+
+TEST_P(CanFd, DirectReadsOfLongFrames) {
+    open_fd();
+    // A frame received with coded DLC 15 is a 64-byte frame; stamps in 10 us units.
+    BusFrame f = bus_frame(0x321, 64, 9);
+    f.fd = true;
+    can().inject_received(1, {f}, {12345});
+    std::vector<CANFD_MSG> got(CANFD_READ_MAX_FRAMES);
+    ASSERT_EQ(CANFD_ReadMsg(handle, 1, got.data()), 1);
+    EXPECT_EQ(got[0].DLC, 64);
+    EXPECT_EQ(got[0].TimeStamp, 1234u);
+    EXPECT_EQ(got[0].Data[63], uint8_t(9 + 63));
+    adapter->inject(Fault::WrongEcho, 0x4003);
+    EXPECT_EQ(CANFD_ReadMsg(handle, 1, got.data()), -4);
+    EXPECT_EQ(CANFD_SetFilter(handle, 1, nullptr, 1), -4);
+}
