@@ -23,6 +23,9 @@ struct HandleTable {
 };
 
 std::atomic<HandleTable*> g_table{nullptr};
+// A handle, once valid, stays valid (databases are never released), so any thread
+// may take the last handle that passed as proof without probing the table.
+std::atomic<uint64_t> g_last_valid{0};
 std::mutex g_insert_mutex;
 size_t g_count = 0;
 
@@ -60,13 +63,25 @@ void register_handle(uint64_t h) {
     ++g_count;
 }
 
-DBC_Decoder* lookup(uint64_t h) {
+DBC_Decoder* lookup_slow(uint64_t h);
+
+// Handles pass by far most often the same way as the call before.
+inline __attribute__((always_inline)) DBC_Decoder* lookup(uint64_t h) {
+    if (h != 0 && h == g_last_valid.load(std::memory_order_relaxed))
+        return reinterpret_cast<DBC_Decoder*>(static_cast<uintptr_t>(h));
+    return lookup_slow(h);
+}
+
+DBC_Decoder* lookup_slow(uint64_t h) {
     if (h == 0) return nullptr;
     const HandleTable* t = g_table.load(std::memory_order_acquire);
     if (t == nullptr) return nullptr;
     for (size_t i = spread(h) & t->mask;; i = (i + 1) & t->mask) {
         uint64_t v = t->slots[i].load(std::memory_order_acquire);
-        if (v == h) return reinterpret_cast<DBC_Decoder*>(static_cast<uintptr_t>(h));
+        if (v == h) {
+            g_last_valid.store(h, std::memory_order_relaxed);
+            return reinterpret_cast<DBC_Decoder*>(static_cast<uintptr_t>(h));
+        }
         if (v == 0) return nullptr;
     }
 }

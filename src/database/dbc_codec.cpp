@@ -33,21 +33,23 @@ void store_le64(uint8_t* p, uint64_t v) {
 }
 
 // Nearest integer, halves away from zero; the caller's conversion truncates.
-double round_half_away(double x) {
+inline __attribute__((always_inline)) double round_half_away(double x) {
     return x < 0 ? x - 0.49999999999999994 : x + 0.49999999999999994;
 }
 
 // Truncating conversions with the out-of-range cases defined: NaN gives 0, values
 // beyond the range saturate, and a negative value converted to unsigned wraps to
 // two's complement.
-int64_t to_i64(double x) {
+inline __attribute__((always_inline)) int64_t to_i64(double x) {
+    if (x > -9223372036854775808.0 && x < 9223372036854775808.0) return static_cast<int64_t>(x);
     if (std::isnan(x)) return 0;
     if (x >= 9223372036854775808.0) return INT64_MAX;
     if (x < -9223372036854775808.0) return INT64_MIN;
     return static_cast<int64_t>(x);
 }
 
-uint64_t to_u64(double x) {
+inline __attribute__((always_inline)) uint64_t to_u64(double x) {
+    if (x >= 0 && x < 9223372036854775808.0) return static_cast<uint64_t>(static_cast<int64_t>(x));
     if (std::isnan(x)) return 0;
     if (x >= 18446744073709551616.0) return UINT64_MAX;
     if (x >= 0) return static_cast<uint64_t>(x);
@@ -81,6 +83,8 @@ uint64_t double_bits(double v) {
     std::memcpy(&bits, &v, sizeof bits);
     return bits;
 }
+
+uint64_t rotate_left(uint64_t v, uint32_t n) { return (v << n) | (v >> ((64 - n) & 63)); }
 
 // Bits [lo, hi) of a 64-bit word, 0 <= lo <= hi <= 64.
 uint64_t range_mask(int lo, int hi) {
@@ -158,36 +162,88 @@ uint64_t DBC_Decoder::arrayValueToRaw(uint16_t startBit, uint8_t length, const u
     return readField(startBit, length, data, 64, order);
 }
 
-bool DBC_Decoder::setSignalRealValue(DBC_SIGNAL& signal, double value) {
-    if (value > signal.maximum) value = signal.maximum;
-    if (value < signal.minimum) value = signal.minimum;
-    const uint64_t mask = GetDataMask(signal.length & 0xFFu);
-    if (signal.isSigned == 0) {
-        signal.rawValue = to_u64(round_half_away((value - signal.offset) / signal.factor));
+namespace {
+
+// The exact reciprocal of a power of two, or 0. Dividing by 2^k gives exactly the
+// same double as multiplying by 2^-k (both round the same real number), which spares
+// the slow division for the many signals scaled by 1, 0.5, 0.25 ...
+double exact_inverse(double factor) {
+    uint64_t bits;
+    std::memcpy(&bits, &factor, sizeof bits);
+    const uint64_t exponent = (bits >> 52) & 0x7FF;
+    if ((bits & 0x000FFFFFFFFFFFFFull) != 0 || exponent < 1 || exponent > 2045) return 0;
+    const uint64_t inv_bits = (bits & 0x8000000000000000ull) | ((2046 - exponent) << 52);
+    double inv;
+    std::memcpy(&inv, &inv_bits, sizeof inv);
+    return inv;
+}
+
+dbc_detail::Scale scale_of(const DBC_SIGNAL& s) {
+    dbc_detail::Scale c;
+    c.minimum = s.minimum;
+    c.maximum = s.maximum;
+    c.offset = s.offset;
+    c.factor = s.factor;
+    c.inverse = exact_inverse(s.factor);
+    c.mask = DBC_Decoder::GetDataMask(s.length & 0xFFu);
+    c.isSigned = s.isSigned;
+    c.valueType = s.valueType;
+    c.rawMask = s.isSigned == 0 ? ~0ull : c.mask;
+    if (s.isSigned == 0 || s.valueType == 0)
+        c.kind = dbc_detail::Scale::Integer;
+    else if (s.valueType == 1)
+        c.kind = dbc_detail::Scale::Single;
+    else if (s.valueType == 2)
+        c.kind = dbc_detail::Scale::Double;
+    else
+        c.kind = dbc_detail::Scale::None;
+    return c;
+}
+
+// The raw value for a physical value: clamped to [minimum, maximum] when `clamp`,
+// then scaled and rounded (integers) or taken bit for bit (signed float / double).
+// Returns false when the value type stores nothing.
+inline __attribute__((always_inline)) bool physical_to_raw(const dbc_detail::Scale& c, double value, bool clamp,
+                                                           uint64_t& raw) {
+    if (clamp) {
+        if (value > c.maximum) value = c.maximum;
+        if (value < c.minimum) value = c.minimum;
+    }
+    if (c.kind == dbc_detail::Scale::Integer) {
+        const double x = c.inverse != 0 ? (value - c.offset) * c.inverse : (value - c.offset) / c.factor;
+        const double r = x + std::copysign(0.49999999999999994, x);
+        // Unsigned signals keep the whole value; signed ones are cut to their length
+        // (rawMask). Within +-2^63 both conversions are the plain truncation.
+        if (std::fabs(r) < 9223372036854775808.0)
+            raw = static_cast<uint64_t>(static_cast<int64_t>(r)) & c.rawMask;
+        else
+            raw = (c.isSigned == 0 ? to_u64(r) : static_cast<uint64_t>(to_i64(r))) & c.rawMask;
         return true;
     }
-    switch (signal.valueType) {
-        case 0:
-            signal.rawValue =
-                static_cast<uint64_t>(to_i64(round_half_away((value - signal.offset) / signal.factor))) & mask;
-            break;
-        case 1: signal.rawValue = float_bits(value); break;
-        case 2: signal.rawValue = double_bits(value); break;
-        default: break;
+    if (c.kind == dbc_detail::Scale::Single) {
+        raw = float_bits(value);
+        return true;
     }
+    if (c.kind == dbc_detail::Scale::Double) {
+        raw = double_bits(value);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+bool DBC_Decoder::setSignalRealValue(DBC_SIGNAL& signal, double value) {
+    uint64_t raw;
+    if (physical_to_raw(scale_of(signal), value, true, raw)) signal.rawValue = raw;
     return true;
 }
 
 uint64_t DBC_Decoder::getSignalRawValue(const DBC_SIGNAL& signal, double value) {
-    const uint64_t mask = GetDataMask(signal.length & 0xFFu);
-    if (signal.isSigned == 0) return to_u64(round_half_away((value - signal.offset) / signal.factor)) & mask;
-    switch (signal.valueType) {
-        case 0:
-            return static_cast<uint64_t>(to_i64(round_half_away((value - signal.offset) / signal.factor))) & mask;
-        case 1: return float_bits(value) & mask;
-        case 2: return double_bits(value) & mask;
-        default: return 0;
-    }
+    const dbc_detail::Scale c = scale_of(signal);
+    uint64_t raw;
+    if (!physical_to_raw(c, value, false, raw)) return 0;
+    return raw & c.mask;
 }
 
 double DBC_Decoder::getSignalRealValue(DBC_SIGNAL& signal) {
@@ -227,10 +283,14 @@ double DBC_Decoder::getSignalRealValue(DBC_SIGNAL& signal) {
 
 void DBC_Decoder::build_codec() {
     fields_.clear();
+    packed_.clear();
     codecs_.assign(messages.size(), dbc_detail::MessageCodec{});
     for (size_t m = 0; m < messages.size(); ++m) {
         DBC_MESSAGE& msg = messages[m];
         dbc_detail::MessageCodec& c = codecs_[m];
+        c.name = msg.name.data();
+        // A name holding a NUL can never equal a C string; the length rules it out.
+        c.nameLen = msg.name.find('\0') == std::string::npos ? static_cast<uint32_t>(msg.name.size()) : UINT32_MAX;
         c.first = static_cast<uint32_t>(fields_.size());
         c.count = static_cast<uint32_t>(msg.signals.size());
         for (size_t i = 0; i < msg.signals.size(); ++i) {
@@ -238,6 +298,9 @@ void DBC_Decoder::build_codec() {
             if (c.switchIndex < 0 && sig.multiplexKind == 2) c.switchIndex = static_cast<int32_t>(i);
             dbc_detail::CanField f{};
             f.sig = &sig;
+            f.scale = scale_of(sig);
+            f.name = sig.name.data();
+            f.nameLen = static_cast<uint32_t>(sig.name.size());
             const int length = sig.length & 0xFF;
             const int sb = sig.startBit;
             const bool motorola = sig.byteOrder == Motorola;
@@ -263,9 +326,47 @@ void DBC_Decoder::build_codec() {
             } else {
                 f.valueMask = 0;  // only raw bits above 63 (zeros) reach the frame
             }
+            // Only the first signal of a name may answer a look-up by that name.
+            if (findSignal(static_cast<int>(m), std::string_view(sig.name)) != static_cast<int>(i))
+                f.nameLen = UINT32_MAX;
+            f.insertMask = f.wordMask & f.valueMask;
+            f.beSelect = motorola ? ~0ull : 0;
             fields_.push_back(f);
         }
+        for (uint32_t i = c.first; i < c.first + c.count; ++i) {
+            const DBC_SIGNAL& sig = *fields_[i].sig;
+            fields_[i].page =
+                sig.multiplexKind == 1 && c.switchIndex >= 0 ? (sig.multiplexValue & 0xFFFFu) : UINT32_MAX;
+        }
+        if (c.switchIndex < 0) {
+            // Disjoint fields of at most 64 bits within +-63 bits of the word can be
+            // placed with one rotation: the bits that wrap around fall outside the mask.
+            uint64_t seen = 0;
+            c.disjoint = true;
+            for (uint32_t i = c.first; i < c.first + c.count && c.disjoint; ++i) {
+                const dbc_detail::CanField& f = fields_[i];
+                const uint64_t bits = f.bigEndian ? __builtin_bswap64(f.wordMask) : f.wordMask;
+                if ((seen & bits) != 0 || (f.sig->length & 0xFF) > 64 || f.valueMask == 0) c.disjoint = false;
+                seen |= bits;
+            }
+            if (c.disjoint) {
+                c.leFirst = static_cast<uint32_t>(packed_.size());
+                for (int pass = 0; pass < 2; ++pass) {
+                    if (pass == 1) c.beFirst = static_cast<uint32_t>(packed_.size());
+                    for (uint32_t i = c.first; i < c.first + c.count; ++i) {
+                        const dbc_detail::CanField& f = fields_[i];
+                        if (f.bigEndian != pass || f.insertMask == 0) continue;
+                        const uint32_t rotate = (static_cast<uint32_t>(f.writeLeft) - f.writeRight) & 63u;
+                        packed_.push_back(dbc_detail::PackedField{f.sig, f.insertMask, rotate});
+                    }
+                }
+                c.leCount = c.beFirst - c.leFirst;
+                c.beCount = static_cast<uint32_t>(packed_.size()) - c.beFirst;
+            }
+        }
     }
+    for (dbc_detail::MessageCodec& c : codecs_) c.next = c.fields = fields_.data() + c.first;
+    codec_ready_ = true;
 }
 
 void DBC_Decoder::decode_can(int message, const CAN_MSG& frame) {
@@ -290,6 +391,16 @@ void DBC_Decoder::decode_can(int message, const CAN_MSG& frame) {
 void DBC_Decoder::build_can(int message, uint8_t out[8]) {
     const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(message)];
     const dbc_detail::CanField* f = fields_.data() + c.first;
+    if (c.disjoint) {
+        const dbc_detail::PackedField* p = packed_.data() + c.leFirst;
+        uint64_t le = 0;
+        for (uint32_t i = 0; i < c.leCount; ++i) le |= rotate_left(p[i].sig->rawValue, p[i].rotate) & p[i].mask;
+        p = packed_.data() + c.beFirst;
+        uint64_t be = 0;
+        for (uint32_t i = 0; i < c.beCount; ++i) be |= rotate_left(p[i].sig->rawValue, p[i].rotate) & p[i].mask;
+        store_le64(out, le | __builtin_bswap64(be));
+        return;
+    }
     uint64_t w = 0;
     auto put = [&w](const dbc_detail::CanField& x) {
         uint64_t v = ((x.sig->rawValue << x.writeLeft) >> x.writeRight) & x.valueMask & x.wordMask;
@@ -314,24 +425,104 @@ void DBC_Decoder::build_can(int message, uint8_t out[8]) {
     store_le64(out, w);
 }
 
-int DBC_Decoder::setSignalValue(const char* messageName, const char* signalName, double value) {
-    if (codecs_.size() != messages.size()) reindex();
-    const int m = findMessage(messageName);
-    const int s = findSignal(m, signalName);
-    if (s < 0) return -5;
-    DBC_MESSAGE& msg = messages[static_cast<size_t>(m)];
-    DBC_SIGNAL& sig = msg.signals[static_cast<size_t>(s)];
-    setSignalRealValue(sig, value);
-    if (sig.multiplexKind == 1) {
-        const int sw = codecs_[static_cast<size_t>(m)].switchIndex;
-        if (sw >= 0) msg.signals[static_cast<size_t>(sw)].rawValue = sig.multiplexValue & 0xFFFFu;
+namespace {
+
+// Whether a C string is the message's name.
+inline bool same_message_name(const dbc_detail::MessageCodec& c, const char* s) {
+    const size_t n = c.nameLen;
+    return std::strlen(s) == n && dbc_detail::same_bytes(c.name, s, n);
+}
+
+}  // namespace
+
+// Look-ups by C string once the codec tables are ready: the message of the last
+// look-up and the signal after the last one found are tried before the indexes.
+inline int DBC_Decoder::cached_message(const char* name) const {
+    const size_t n = std::strlen(name);
+    const int last = last_message_;
+    if (last >= 0) {
+        const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(last)];
+        if (c.nameLen == n && dbc_detail::same_bytes(c.name, name, n)) return last;
     }
+    const int m = findMessage(std::string_view(name, n));
+    if (m >= 0) {
+        last_message_ = m;
+        last_codec_ = const_cast<dbc_detail::MessageCodec*>(&codecs_[static_cast<size_t>(m)]);
+    }
+    return m;
+}
+
+inline int DBC_Decoder::cached_signal(int message, const char* name) const {
+    const size_t n = std::strlen(name);
+    const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(message)];
+    int s;
+    if (c.count != 0 && c.next->nameLen == n && dbc_detail::same_bytes(c.next->name, name, n)) {
+        s = static_cast<int>(c.next - c.fields);
+    } else {
+        s = findSignal(message, std::string_view(name, n));
+        if (s < 0) return s;
+    }
+    c.next = static_cast<uint32_t>(s) + 1 < c.count ? c.fields + s + 1 : c.fields;
+    return s;
+}
+
+int DBC_Decoder::findMessage(const char* name) const {
+    if (name == nullptr) return -1;
+    if (codec_ready_) return cached_message(name);
+    return findMessage(std::string_view(name));
+}
+
+int DBC_Decoder::findSignal(int message, const char* name) const {
+    if (name == nullptr || message < 0) return -1;
+    if (codec_ready_) return cached_signal(message, name);
+    return findSignal(message, std::string_view(name));
+}
+
+namespace {
+
+inline __attribute__((always_inline)) void store_physical(const dbc_detail::CanField& f,
+                                                          const dbc_detail::MessageCodec& c, double value) {
+    uint64_t raw;
+    if (physical_to_raw(f.scale, value, true, raw)) f.sig->rawValue = raw;
+    // Setting a multiplexed signal selects its page on the message's switch.
+    if (f.page != UINT32_MAX) c.fields[c.switchIndex].sig->rawValue = f.page;
+}
+
+}  // namespace
+
+// The common case, the same message as last time and the signal after the last one,
+// runs without a call besides the two strlen; everything else goes the long way.
+// last_codec_ is only ever set while the codec tables are ready.
+int DBC_Decoder::setSignalValue(const char* messageName, const char* signalName, double value) {
+    dbc_detail::MessageCodec* c = last_codec_;
+    if (c != nullptr && messageName != nullptr && signalName != nullptr && c->count != 0 &&
+        same_message_name(*c, messageName)) {
+        const dbc_detail::CanField& f = *c->next;
+        const size_t slen = std::strlen(signalName);
+        if (f.nameLen == slen && dbc_detail::same_bytes(f.name, signalName, slen)) {
+            c->next = c->next + 1 != c->fields + c->count ? c->next + 1 : c->fields;
+            store_physical(f, *c, value);
+            return 0;
+        }
+    }
+    return set_signal_value_slow(messageName, signalName, value);
+}
+
+int DBC_Decoder::set_signal_value_slow(const char* messageName, const char* signalName, double value) {
+    if (!codec_ready_) reindex();
+    if (messageName == nullptr || signalName == nullptr) return -5;
+    const int m = cached_message(messageName);
+    if (m < 0) return -5;
+    const int s = cached_signal(m, signalName);
+    if (s < 0) return -5;
+    const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(m)];
+    store_physical(c.fields[s], c, value);
     return 0;
 }
 
 int DBC_Decoder::syncCANMsgToValue(const CAN_MSG* frames, int count) {
     if (frames == nullptr || count < 1) return 0;
-    if (codecs_.size() != messages.size()) reindex();
+    if (!codec_ready_) reindex();
     for (int i = 0; i < count; ++i) {
         const CAN_MSG& frame = frames[i];
         const uint32_t key = frame.ID | (static_cast<uint32_t>(frame.ExternFlag) << 31);
@@ -343,7 +534,7 @@ int DBC_Decoder::syncCANMsgToValue(const CAN_MSG* frames, int count) {
 
 int DBC_Decoder::syncCANFDMsgToValue(const CANFD_MSG* frames, int count) {
     if (frames == nullptr || count < 1) return 0;
-    if (codecs_.size() != messages.size()) reindex();
+    if (!codec_ready_) reindex();
     for (int i = 0; i < count; ++i) {
         const CANFD_MSG& frame = frames[i];
         const int m = findMessageById(frame.ID);
@@ -356,7 +547,7 @@ int DBC_Decoder::syncCANFDMsgToValue(const CANFD_MSG* frames, int count) {
 }
 
 int DBC_Decoder::syncValueToCANMsg(const char* messageName, CAN_MSG* frame) {
-    if (codecs_.size() != messages.size()) reindex();
+    if (!codec_ready_) reindex();
     const int m = findMessage(messageName);
     if (m < 0) return -5;
     if (frame == nullptr) return -4;
@@ -370,7 +561,7 @@ int DBC_Decoder::syncValueToCANMsg(const char* messageName, CAN_MSG* frame) {
 }
 
 int DBC_Decoder::syncValueToCANFDMsg(const char* messageName, CANFD_MSG* frame) {
-    if (codecs_.size() != messages.size()) reindex();
+    if (!codec_ready_) reindex();
     const int m = findMessage(messageName);
     if (m < 0) return -5;
     if (frame == nullptr) return -4;

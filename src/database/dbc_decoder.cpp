@@ -13,6 +13,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -108,17 +112,40 @@ double parse_double(std::string_view s) {
     return negative ? -v : v;
 }
 
+// Text handed to the line scanner is followed by at least kPad readable bytes, so
+// that the scanner may look at 16 bytes at a time past a line's end.
+constexpr size_t kPad = 16;
+
+#if defined(__SSE2__)
+const char* find_space(const char* p, const char* end) {
+    const __m128i sp = _mm_set1_epi8(' ');
+    for (; p < end; p += 16) {
+        unsigned m = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), sp)));
+        if (m != 0) {
+            const char* q = p + __builtin_ctz(m);
+            return q < end ? q : end;
+        }
+    }
+    return end;
+}
+#else
+const char* find_space(const char* p, const char* end) {
+    while (p < end && *p != ' ') ++p;
+    return p;
+}
+#endif
+
 // Splits at single spaces, dropping empty pieces.
 void tokenize(std::string_view line, Tokens& out) {
     out.clear();
     const char* p = line.data();
     const char* end = p + line.size();
-    while (p < end) {
+    for (;;) {
         while (p < end && *p == ' ') ++p;
         if (p >= end) break;
         const char* start = p;
-        const void* sp = std::memchr(p, ' ', static_cast<size_t>(end - p));
-        p = sp ? static_cast<const char*>(sp) : end;
+        p = find_space(p, end);
         out.emplace_back(start, static_cast<size_t>(p - start));
     }
 }
@@ -255,10 +282,10 @@ bool read_whole_file(const std::string& path, std::unique_ptr<char[]>& buf, size
     int fd = open_regular(path, st);
     if (fd < 0) return false;
     size_t cap = static_cast<size_t>(st.st_size) + 1;
-    buf.reset(new char[cap]);
+    buf.reset(new char[cap + kPad]);
     for (;;) {
         if (size == cap) {  // the file grew while being read
-            std::unique_ptr<char[]> bigger(new char[cap * 2]);
+            std::unique_ptr<char[]> bigger(new char[cap * 2 + kPad]);
             std::memcpy(bigger.get(), buf.get(), size);
             buf = std::move(bigger);
             cap *= 2;
@@ -269,6 +296,7 @@ bool read_whole_file(const std::string& path, std::unique_ptr<char[]>& buf, size
         size += static_cast<size_t>(got);
     }
     ::close(fd);
+    std::memset(buf.get() + size, 0, kPad);
     return true;
 }
 
@@ -384,9 +412,16 @@ void IdIndex::insert_first(uint32_t id, uint32_t pos) {
 
 class DBC_Decoder::Parser {
 public:
-    explicit Parser(DBC_Decoder& db) : db_(db) { scratch_.reset(new char[kLineMax + 1]); }
+    explicit Parser(DBC_Decoder& db) : db_(db) {
+        scratch_.reset(new char[kLineMax + kPad]());
+        db_.invalidate_codec();  // signal records may move while the lists grow
+    }
 
+    // `text` must be followed by kPad readable bytes.
     void run(std::string_view text, bool definitions) {
+        // A NUL byte ends its line (the line buffer is a C string); most files have
+        // none, which spares the per-line search.
+        has_nul_ = std::memchr(text.data(), '\0', text.size()) != nullptr;
         const char* p = text.data();
         const char* end = p + text.size();
         while (p < end) {
@@ -409,16 +444,25 @@ public:
 
 private:
     void line(const char* p, size_t n, bool definitions) {
-        if (const void* nul = std::memchr(p, '\0', n)) n = static_cast<size_t>(static_cast<const char*>(nul) - p);
+        if (has_nul_)
+            if (const void* nul = std::memchr(p, '\0', n)) n = static_cast<size_t>(static_cast<const char*>(nul) - p);
         Kind kind = classify(p, n);
         if (kind == Kind::None) return;
         if ((kind == Kind::BA) == definitions) return;
         std::string_view text(p, n);
-        if (std::memchr(p, ';', n) != nullptr) {
-            size_t k = 0;
-            for (size_t i = 0; i < n; ++i)
-                if (p[i] != ';') scratch_[k++] = p[i];
-            text = std::string_view(scratch_.get(), k);
+        const char* end = p + n;
+        if (const void* semi = std::memchr(p, ';', n)) {
+            char* out = scratch_.get();
+            const char* q = p;
+            do {
+                const char* at = static_cast<const char*>(semi);
+                std::memcpy(out, q, static_cast<size_t>(at - q));
+                out += at - q;
+                q = at + 1;
+            } while ((semi = std::memchr(q, ';', static_cast<size_t>(end - q))) != nullptr);
+            std::memcpy(out, q, static_cast<size_t>(end - q));
+            out += end - q;
+            text = std::string_view(scratch_.get(), static_cast<size_t>(out - scratch_.get()));
         }
         tokenize(text, tok_);
         if (tok_.size() < 2) return;
@@ -450,7 +494,9 @@ private:
     }
 
     int definition(std::string_view quoted_name) {
-        std::string name = unquoted(quoted_name);
+        std::string& name = name_buf_;
+        name.clear();
+        append_unquoted(name, quoted_name);
         const auto* hit = db_.index_attr_def_.find(dbc_detail::hash_str(name), [&](const auto& s) {
             return db_.attributeDefinitions[s.a].name == name;
         });
@@ -579,6 +625,8 @@ private:
         if (target == nullptr) return;
         int def = definition(tok_[1]);
         if (def < 0) return;
+        // Objects that carry attributes usually carry several.
+        if (target->capacity() == 0) target->reserve(4);
         target->push_back(db_.attributeDefinitions[static_cast<size_t>(def)]);
         target->back().value = join_unquoted(tok_, value_at);
     }
@@ -608,6 +656,8 @@ private:
     DBC_Decoder& db_;
     std::unique_ptr<char[]> scratch_;
     Tokens tok_;
+    std::string name_buf_;
+    bool has_nul_ = false;
 };
 
 void DBC_Decoder::Parser::fill_message(DBC_MESSAGE& m, const Tokens& tok) {
@@ -763,9 +813,12 @@ DBC_Decoder::DBC_Decoder(const std::string& path, const std::string& encoding) {
 }
 
 void DBC_Decoder::parseText(DBC_Decoder& db, std::string_view text) {
+    std::unique_ptr<char[]> padded(new char[text.size() + kPad]());
+    if (!text.empty()) std::memcpy(padded.get(), text.data(), text.size());
+    const std::string_view copy(padded.get(), text.size());
     Parser parser(db);
-    parser.run(text, true);
-    parser.run(text, false);
+    parser.run(copy, true);
+    parser.run(copy, false);
     post_pass(db);
     db.reindex();
 }
@@ -816,6 +869,7 @@ void DBC_Decoder::appendSignalValues(const std::vector<std::string>& tokens, DBC
 // Look-ups
 
 void DBC_Decoder::reindex() {
+    invalidate_codec();
     index_msg_name_.clear();
     index_signal_.clear();
     index_attr_def_.clear();
@@ -848,28 +902,27 @@ void DBC_Decoder::reindex() {
 
 int DBC_Decoder::findMessage(std::string_view name) const {
     const auto* hit = index_msg_name_.find(dbc_detail::hash_str(name), [&](const auto& s) {
-        return messages[s.a].name == name;
+        return dbc_detail::same_name(messages[s.a].name, name);
     });
     return hit ? static_cast<int>(hit->a) : -1;
-}
-
-int DBC_Decoder::findMessage(const char* name) const {
-    if (name == nullptr) return -1;
-    return findMessage(std::string_view(name));
 }
 
 int DBC_Decoder::findSignal(int message, std::string_view name) const {
     if (message < 0) return -1;
     uint32_t m = static_cast<uint32_t>(message);
     const auto* hit = index_signal_.find(dbc_detail::hash_signal(m, name), [&](const auto& s) {
-        return s.a == m && messages[m].signals[s.b].name == name;
+        return s.a == m && dbc_detail::same_name(messages[m].signals[s.b].name, name);
     });
     return hit ? static_cast<int>(hit->b) : -1;
 }
 
-int DBC_Decoder::findSignal(int message, const char* name) const {
-    if (name == nullptr) return -1;
-    return findSignal(message, std::string_view(name));
+void DBC_Decoder::invalidate_codec() {
+    codec_ready_ = false;
+    fields_.clear();
+    packed_.clear();
+    codecs_.clear();
+    last_message_ = -1;
+    last_codec_ = nullptr;
 }
 
 bool DBC_Decoder::getMessage(const std::string& name, DBC_MESSAGE** out) {

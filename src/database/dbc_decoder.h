@@ -148,6 +148,43 @@ private:
     size_t count_ = 0;
 };
 
+// Equality of two byte ranges of the same, known length. Lengths of 8 to 32 bytes
+// (most names) take one branch-free path of four overlapping word loads, so that a
+// run of look-ups of differently long names does not keep mispredicting.
+inline bool same_bytes(const char* a, const char* b, size_t n) {
+    auto load64 = [](const char* p) {
+        uint64_t v;
+        __builtin_memcpy(&v, p, 8);
+        return v;
+    };
+    auto load32 = [](const char* p) {
+        uint32_t v;
+        __builtin_memcpy(&v, p, 4);
+        return v;
+    };
+    if (n - 8 <= 24) {
+        const size_t last = n - 8;
+        const size_t o1 = last < 8 ? last : 8;
+        const size_t o2 = last < 16 ? last : 16;
+        const uint64_t diff = (load64(a) ^ load64(b)) | (load64(a + o1) ^ load64(b + o1)) |
+                              (load64(a + o2) ^ load64(b + o2)) | (load64(a + last) ^ load64(b + last));
+        return diff == 0;
+    }
+    if (n > 32) {
+        uint64_t diff = load64(a + n - 8) ^ load64(b + n - 8);
+        for (size_t i = 0; i + 8 < n; i += 8) diff |= load64(a + i) ^ load64(b + i);
+        return diff == 0;
+    }
+    if (n >= 4) return ((load32(a) ^ load32(b)) | (load32(a + n - 4) ^ load32(b + n - 4))) == 0;
+    for (size_t i = 0; i < n; ++i)
+        if (a[i] != b[i]) return false;
+    return true;
+}
+
+inline bool same_name(const std::string& name, std::string_view key) {
+    return name.size() == key.size() && same_bytes(name.data(), key.data(), key.size());
+}
+
 uint64_t hash_bytes(const char* p, size_t n);
 inline uint64_t hash_str(std::string_view s) { return hash_bytes(s.data(), s.size()); }
 inline uint64_t hash_signal(uint32_t msg, std::string_view s) {
@@ -157,11 +194,32 @@ inline uint64_t hash_signal(uint32_t msg, std::string_view s) {
 // One signal prepared for the word-wide CAN path. The 8 data bytes are handled as
 // one 64-bit word: little-endian for Intel fields, byte-swapped for Motorola
 // fields, in which a Motorola field is a run of consecutive bits.
+// A signal's conversion parameters, copied next to its codec entry so that setting a
+// value by name does not have to reach into the record for them.
+struct Scale {
+    double minimum;
+    double maximum;
+    double offset;
+    double factor;
+    double inverse;  // 1 / factor when that is exact (a power of two), else 0
+    uint64_t mask;     // GetDataMask(length)
+    uint64_t rawMask;  // mask for signed signals, all ones for unsigned ones
+    uint32_t isSigned;
+    uint32_t valueType;
+    enum Kind : uint32_t { Integer, Single, Double, None } kind;
+};
+
 struct CanField {
+    Scale scale;
     DBC_SIGNAL* sig;
+    const char* name;  // the signal's name, for look-ups that skip the record
+    uint32_t nameLen;  // UINT32_MAX when an earlier signal has the same name
+    uint32_t page;     // multiplexed signal: its switch value; else UINT32_MAX
     uint64_t mask;       // reading: value mask of the signal length (0: outside the frame)
     uint64_t wordMask;   // writing: the field's bits in the word
     uint64_t valueMask;  // writing: 0 when no bit of the raw value reaches the frame
+    uint64_t insertMask;  // wordMask & valueMask
+    uint64_t beSelect;    // all ones for a Motorola field, else 0
     uint8_t readShift;   // reading: right shift of the word
     uint8_t bigEndian;   // 1: operate on the byte-swapped word
     uint8_t slowRead;    // 1: read byte-wise (a Motorola field starting past the frame)
@@ -169,11 +227,29 @@ struct CanField {
     uint8_t writeRight;
 };
 
+// A field of a disjoint message, reduced to a rotation and a mask of the word.
+struct PackedField {
+    const DBC_SIGNAL* sig;
+    uint64_t mask;
+    uint32_t rotate;  // left rotation of the raw value
+};
+
 struct MessageCodec {
-    uint32_t first = 0;  // position of the message's first CanField
+    const char* name = nullptr;  // the message's name, for look-ups that skip the record
+    uint32_t nameLen = 0;
+    CanField* fields = nullptr;  // the message's first CanField
+    uint32_t first = 0;  // its position in the table
     uint32_t count = 0;
     int32_t switchIndex = -1;  // first multiplexer switch, signal position
     bool allWordPath = true;   // every field reads through the word path
+    // No switch and no two fields sharing a bit: the frame can be put together in any
+    // order, from the packed lists below.
+    bool disjoint = false;
+    uint32_t leFirst = 0, leCount = 0;  // packed Intel fields
+    uint32_t beFirst = 0, beCount = 0;  // packed Motorola fields
+    // Signal to try first in a look-up by name: the one after the last hit, since
+    // applications tend to set a message's signals in the same order each time.
+    mutable CanField* next = nullptr;
 };
 
 }  // namespace dbc_detail
@@ -263,13 +339,23 @@ private:
     friend class Parser;
 
     void build_codec();
+    int cached_message(const char* name) const;
+    int cached_signal(int message, const char* name) const;
+    int set_signal_value_slow(const char* messageName, const char* signalName, double value);
     void decode_can(int message, const CAN_MSG& frame);
     void build_can(int message, uint8_t out[8]);
 
+    // Drops the codec tables while the lists are being filled.
+    void invalidate_codec();
+
+    bool codec_ready_ = false;       // fields_ / codecs_ match the lists
+    mutable int last_message_ = -1;  // the message found by the last look-up by name
+    mutable dbc_detail::MessageCodec* last_codec_ = nullptr;  // and its codec entry
     dbc_detail::HashIndex index_msg_name_;
     dbc_detail::HashIndex index_signal_;
     dbc_detail::HashIndex index_attr_def_;
     dbc_detail::IdIndex index_id_;
     std::vector<dbc_detail::CanField> fields_;
+    std::vector<dbc_detail::PackedField> packed_;
     std::vector<dbc_detail::MessageCodec> codecs_;
 };
