@@ -32,11 +32,6 @@ void store_le64(uint8_t* p, uint64_t v) {
     std::memcpy(p, &v, 8);
 }
 
-// Nearest integer, halves away from zero; the caller's conversion truncates.
-inline __attribute__((always_inline)) double round_half_away(double x) {
-    return x < 0 ? x - 0.49999999999999994 : x + 0.49999999999999994;
-}
-
 // Truncating conversions with the out-of-range cases defined: NaN gives 0, values
 // beyond the range saturate, and a negative value converted to unsigned wraps to
 // two's complement.
@@ -211,6 +206,7 @@ inline __attribute__((always_inline)) bool physical_to_raw(const dbc_detail::Sca
     }
     if (c.kind == dbc_detail::Scale::Integer) {
         const double x = c.inverse != 0 ? (value - c.offset) * c.inverse : (value - c.offset) / c.factor;
+        // Nearest integer, halves away from zero (the conversion below truncates).
         const double r = x + std::copysign(0.49999999999999994, x);
         // Unsigned signals keep the whole value; signed ones are cut to their length
         // (rawMask). Within +-2^63 both conversions are the plain truncation.
