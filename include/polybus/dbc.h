@@ -17,8 +17,9 @@
  * Behaviour worth knowing:
  *  - Names are compared exactly (case-sensitive); with duplicate names the first in
  *    file order wins. A null name is treated like an unknown name (-5).
- *  - Lines are split at single spaces only and bytes are kept as they are in the file
- *    (no character-set conversion). A file with CR LF line ends therefore keeps the
+ *  - A line ends at LF, at a NUL byte, or after 8191 bytes (the rest of a longer line
+ *    is read as the next line). Lines are split at single spaces only and bytes are
+ *    kept as they are in the file (no character-set conversion). A file with CR LF line ends therefore keeps the
  *    CR at the end of the last token of each line: e.g. the publisher of
  *    "BO_ 1 M: 8 ECU<CR><LF>" reads "ECU\r", and the last text of an ENUM attribute
  *    definition ends in "\r" (so a VFrameFormat index naming it selects no format).

@@ -136,6 +136,26 @@ const char* find_space(const char* p, const char* end) {
 }
 #endif
 
+#if defined(__SSE2__)
+const char* find_byte(const char* p, const char* end, char c) {
+    const __m128i want = _mm_set1_epi8(c);
+    for (; p < end; p += 16) {
+        unsigned m = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), want)));
+        if (m != 0) {
+            const char* q = p + __builtin_ctz(m);
+            return q < end ? q : end;
+        }
+    }
+    return end;
+}
+#else
+const char* find_byte(const char* p, const char* end, char c) {
+    const void* q = std::memchr(p, c, static_cast<size_t>(end - p));
+    return q ? static_cast<const char*>(q) : end;
+}
+#endif
+
 // Splits at single spaces, dropping empty pieces.
 void tokenize(std::string_view line, Tokens& out) {
     out.clear();
@@ -152,8 +172,16 @@ void tokenize(std::string_view line, Tokens& out) {
 
 // Appends `piece` without its double quotes.
 void append_unquoted(std::string& out, std::string_view piece) {
-    for (char c : piece)
-        if (c != '"') out.push_back(c);
+    size_t start = 0;
+    for (;;) {
+        const size_t quote = piece.find('"', start);
+        if (quote == std::string_view::npos) {
+            out.append(piece.data() + start, piece.size() - start);
+            return;
+        }
+        out.append(piece.data() + start, quote - start);
+        start = quote + 1;
+    }
 }
 
 std::string unquoted(std::string_view piece) {
@@ -241,27 +269,47 @@ uint16_t motorola_lsb(uint16_t start, uint16_t length) {
 
 enum class Kind { None, BO, SG, CM, VAL, SigValType, BaDef, BaDefDef, BA };
 
+Kind keyword(std::string_view w) {
+    switch (w.size()) {
+        case 3:
+            if (w == "BO_") return Kind::BO;
+            if (w == "SG_") return Kind::SG;
+            if (w == "CM_") return Kind::CM;
+            if (w == "BA_") return Kind::BA;
+            break;
+        case 4:
+            if (w == "VAL_") return Kind::VAL;
+            break;
+        case 7:
+            if (w == "BA_DEF_") return Kind::BaDef;
+            break;
+        case 11:
+            if (w == "BA_DEF_DEF_") return Kind::BaDefDef;
+            break;
+        case 12:
+            if (w == "SIG_VALTYPE_") return Kind::SigValType;
+            break;
+        default: break;
+    }
+    return Kind::None;
+}
+
 // First token of a raw line, as it reads once the ';' are removed.
 Kind classify(const char* p, size_t n) {
     size_t i = 0;
     while (i < n && (p[i] == ' ' || p[i] == ';')) ++i;
+    size_t end = i;
+    bool semicolon = false;
+    while (end < n && p[end] != ' ') semicolon |= p[end++] == ';';
+    if (!semicolon) return keyword(std::string_view(p + i, end - i));
     char t[16];
     size_t k = 0;
-    for (; i < n && p[i] != ' '; ++i) {
+    for (; i < end; ++i) {
         if (p[i] == ';') continue;
         if (k == sizeof t) return Kind::None;
         t[k++] = p[i];
     }
-    std::string_view w(t, k);
-    if (w == "BO_") return Kind::BO;
-    if (w == "SG_") return Kind::SG;
-    if (w == "CM_") return Kind::CM;
-    if (w == "VAL_") return Kind::VAL;
-    if (w == "BA_") return Kind::BA;
-    if (w == "BA_DEF_") return Kind::BaDef;
-    if (w == "BA_DEF_DEF_") return Kind::BaDefDef;
-    if (w == "SIG_VALTYPE_") return Kind::SigValType;
-    return Kind::None;
+    return keyword(std::string_view(t, k));
 }
 
 // Opens a regular file for reading; -1 for anything else (a directory or device
@@ -276,27 +324,38 @@ int open_regular(const std::string& path, struct stat& st) {
     return fd;
 }
 
-bool read_whole_file(const std::string& path, std::unique_ptr<char[]>& buf, size_t& size) {
-    size = 0;
+// A file's bytes followed by kPad zero bytes. The buffer is kept between reads.
+struct FileText {
+    std::unique_ptr<char[]> buf;
+    size_t cap = 0;  // bytes available before the padding
+    size_t size = 0;
+    std::string_view view() const { return std::string_view(buf.get(), size); }
+};
+
+bool read_whole_file(const std::string& path, FileText& text) {
+    text.size = 0;
     struct stat st;
     int fd = open_regular(path, st);
     if (fd < 0) return false;
-    size_t cap = static_cast<size_t>(st.st_size) + 1;
-    buf.reset(new char[cap + kPad]);
+    const size_t want = static_cast<size_t>(st.st_size) + 1;
+    if (text.cap < want) {
+        text.buf.reset(new char[want + kPad]);
+        text.cap = want;
+    }
     for (;;) {
-        if (size == cap) {  // the file grew while being read
-            std::unique_ptr<char[]> bigger(new char[cap * 2 + kPad]);
-            std::memcpy(bigger.get(), buf.get(), size);
-            buf = std::move(bigger);
-            cap *= 2;
+        if (text.size == text.cap) {  // the file grew while being read
+            std::unique_ptr<char[]> bigger(new char[text.cap * 2 + kPad]);
+            std::memcpy(bigger.get(), text.buf.get(), text.size);
+            text.buf = std::move(bigger);
+            text.cap *= 2;
         }
-        ssize_t got = ::read(fd, buf.get() + size, cap - size);
+        ssize_t got = ::read(fd, text.buf.get() + text.size, text.cap - text.size);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;
-        size += static_cast<size_t>(got);
+        text.size += static_cast<size_t>(got);
     }
     ::close(fd);
-    std::memset(buf.get() + size, 0, kPad);
+    std::memset(text.buf.get() + text.size, 0, kPad);
     return true;
 }
 
@@ -425,8 +484,7 @@ public:
         const char* p = text.data();
         const char* end = p + text.size();
         while (p < end) {
-            const void* nl = std::memchr(p, '\n', static_cast<size_t>(end - p));
-            const char* line_end = nl ? static_cast<const char*>(nl) : end;
+            const char* line_end = find_byte(p, end, '\n');
             size_t len = static_cast<size_t>(line_end - p);
             while (len > kLineMax) {
                 line(p, kLineMax, definitions);
@@ -434,7 +492,7 @@ public:
                 len -= kLineMax;
             }
             line(p, len, definitions);
-            p = nl ? line_end + 1 : end;
+            p = line_end < end ? line_end + 1 : end;
         }
     }
 
@@ -451,15 +509,16 @@ private:
         if ((kind == Kind::BA) == definitions) return;
         std::string_view text(p, n);
         const char* end = p + n;
-        if (const void* semi = std::memchr(p, ';', n)) {
+        const char* semi = find_byte(p, end, ';');
+        if (semi < end) {
             char* out = scratch_.get();
             const char* q = p;
             do {
-                const char* at = static_cast<const char*>(semi);
-                std::memcpy(out, q, static_cast<size_t>(at - q));
-                out += at - q;
-                q = at + 1;
-            } while ((semi = std::memchr(q, ';', static_cast<size_t>(end - q))) != nullptr);
+                std::memcpy(out, q, static_cast<size_t>(semi - q));
+                out += semi - q;
+                q = semi + 1;
+                semi = find_byte(q, end, ';');
+            } while (semi < end);
             std::memcpy(out, q, static_cast<size_t>(end - q));
             out += end - q;
             text = std::string_view(scratch_.get(), static_cast<size_t>(out - scratch_.get()));
@@ -805,9 +864,12 @@ bool DBC_Decoder::isReadableFile(const std::string& path) {
     return true;
 }
 
-DBC_Decoder::DBC_Decoder(const std::string& path, const std::string& encoding) {
-    decodeDBCFile(path, encoding);
-    updateAttrValues(path, encoding);
+// Both passes read the file, as the two members do; the constructor only lends them
+// one buffer.
+DBC_Decoder::DBC_Decoder(const std::string& path, const std::string& /*encoding*/) {
+    FileText text;
+    if (read_whole_file(path, text)) Parser(*this).run(text.view(), true);
+    if (read_whole_file(path, text)) Parser(*this).run(text.view(), false);
     post_pass(*this);
     reindex();
 }
@@ -825,17 +887,13 @@ void DBC_Decoder::parseText(DBC_Decoder& db, std::string_view text) {
 
 // The encoding name is accepted for compatibility; bytes are kept as they are.
 void DBC_Decoder::decodeDBCFile(const std::string& path, const std::string& /*encoding*/) {
-    std::unique_ptr<char[]> buf;
-    size_t size = 0;
-    if (!read_whole_file(path, buf, size)) return;
-    Parser(*this).run(std::string_view(buf.get(), size), true);
+    FileText text;
+    if (read_whole_file(path, text)) Parser(*this).run(text.view(), true);
 }
 
 void DBC_Decoder::updateAttrValues(const std::string& path, const std::string& /*encoding*/) {
-    std::unique_ptr<char[]> buf;
-    size_t size = 0;
-    if (!read_whole_file(path, buf, size)) return;
-    Parser(*this).run(std::string_view(buf.get(), size), false);
+    FileText text;
+    if (read_whole_file(path, text)) Parser(*this).run(text.view(), false);
 }
 
 DBC_MESSAGE DBC_Decoder::getMessageValues(const std::vector<std::string>& tokens) {
