@@ -7,8 +7,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <mutex>
-#include <new>
 #include <string>
 
 #include "database/dbc_decoder.h"
@@ -17,9 +17,13 @@
 namespace {
 
 struct HandleTable {
+    explicit HandleTable(size_t capacity, HandleTable* prev)
+        : mask(capacity - 1), previous(prev), slots(new std::atomic<uint64_t>[capacity]) {
+        for (size_t i = 0; i < capacity; ++i) slots[i].store(0, std::memory_order_relaxed);
+    }
     size_t mask;
     HandleTable* previous;  // retired tables stay alive: a reader may still probe them
-    std::atomic<uint64_t> slots[1];
+    std::unique_ptr<std::atomic<uint64_t>[]> slots;
 };
 
 std::atomic<HandleTable*> g_table{nullptr};
@@ -31,15 +35,6 @@ size_t g_count = 0;
 
 size_t spread(uint64_t h) { return static_cast<size_t>((h >> 4) * 0x9E3779B97F4A7C15ull >> 20); }
 
-HandleTable* new_table(size_t capacity, HandleTable* previous) {
-    void* mem = ::operator new(sizeof(HandleTable) + (capacity - 1) * sizeof(std::atomic<uint64_t>));
-    HandleTable* t = static_cast<HandleTable*>(mem);
-    t->mask = capacity - 1;
-    t->previous = previous;
-    for (size_t i = 0; i < capacity; ++i) new (&t->slots[i]) std::atomic<uint64_t>(0);
-    return t;
-}
-
 void place(HandleTable* t, uint64_t h) {
     size_t i = spread(h) & t->mask;
     while (t->slots[i].load(std::memory_order_relaxed) != 0) i = (i + 1) & t->mask;
@@ -50,7 +45,7 @@ void register_handle(uint64_t h) {
     std::lock_guard<std::mutex> lock(g_insert_mutex);
     HandleTable* t = g_table.load(std::memory_order_relaxed);
     if (t == nullptr || (g_count + 1) * 2 > t->mask + 1) {
-        HandleTable* bigger = new_table(t == nullptr ? 64 : (t->mask + 1) * 2, t);
+        auto* bigger = new HandleTable(t == nullptr ? 64 : (t->mask + 1) * 2, t);
         if (t != nullptr)
             for (size_t i = 0; i <= t->mask; ++i) {
                 uint64_t v = t->slots[i].load(std::memory_order_relaxed);
@@ -96,9 +91,10 @@ POLYBUS_API uint64_t DBC_ParserFile(int DevHandle, const char* pDBCFileName) {
     try {
         std::string path(pDBCFileName);
         if (!DBC_Decoder::isReadableFile(path)) return 0;
-        DBC_Decoder* db = new DBC_Decoder(path, "GBK");
-        uint64_t h = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(db));
+        auto db = std::make_unique<DBC_Decoder>(path, "GBK");
+        const uint64_t h = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(db.get()));
         register_handle(h);
+        db.release();  // owned by the handle from here on, for the life of the process
         return h;
     } catch (...) {
         return 0;

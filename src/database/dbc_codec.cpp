@@ -183,8 +183,9 @@ dbc_detail::Scale scale_of(const DBC_SIGNAL& s) {
     c.mask = DBC_Decoder::GetDataMask(s.length & 0xFFu);
     c.isSigned = s.isSigned;
     c.valueType = s.valueType;
-    c.rawMask = s.isSigned == 0 ? ~0ull : c.mask;
-    if (s.isSigned == 0 || s.valueType == 0)
+    // As when reading, only isSigned 1 makes a signal signed.
+    c.rawMask = s.isSigned == 1 ? c.mask : ~0ull;
+    if (s.isSigned != 1 || s.valueType == 0)
         c.kind = dbc_detail::Scale::Integer;
     else if (s.valueType == 1)
         c.kind = dbc_detail::Scale::Single;
@@ -213,7 +214,7 @@ inline __attribute__((always_inline)) bool physical_to_raw(const dbc_detail::Sca
         if (std::fabs(r) < 9223372036854775808.0)
             raw = static_cast<uint64_t>(static_cast<int64_t>(r)) & c.rawMask;
         else
-            raw = (c.isSigned == 0 ? to_u64(r) : static_cast<uint64_t>(to_i64(r))) & c.rawMask;
+            raw = (c.isSigned != 1 ? to_u64(r) : static_cast<uint64_t>(to_i64(r))) & c.rawMask;
         return true;
     }
     if (c.kind == dbc_detail::Scale::Single) {
