@@ -282,6 +282,10 @@ void DBC_Decoder::build_codec() {
     fields_.clear();
     packed_.clear();
     codecs_.assign(messages.size(), dbc_detail::MessageCodec{});
+    size_t total = 0;
+    for (const DBC_MESSAGE& msg : messages) total += msg.signals.size();
+    fields_.reserve(total);
+    packed_.reserve(total);
     for (size_t m = 0; m < messages.size(); ++m) {
         DBC_MESSAGE& msg = messages[m];
         dbc_detail::MessageCodec& c = codecs_[m];
