@@ -579,6 +579,7 @@ private:
     void on_signal() {
         if (tok_.size() < 7 || db_.messages.empty()) return;
         DBC_MESSAGE& msg = db_.messages.back();
+        if (msg.signals.capacity() == 0) msg.signals.reserve(4);  // spares the first regrowths
         msg.signals.emplace_back();
         DBC_SIGNAL& sig = msg.signals.back();
         fill_signal(sig, tok_);
