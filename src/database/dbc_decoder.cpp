@@ -1,0 +1,1112 @@
+// DBC file parser: two passes over the file text (definitions, then BA_
+// assignments) and the attribute post-pass.
+//
+// The parser is deliberately narrow. A line is at most 8191 bytes (a longer one is
+// cut there and its rest read as the next line) and ends early at a NUL byte; every
+// ';' is dropped, the rest is split at single spaces, and the first token picks the
+// handler. Nothing is joined across lines and unknown lines are skipped. Numbers
+// follow the C library conversions (leading white space, a sign, as many digits as
+// parse; nothing parsable reads 0), done here without allocating per token.
+#include "database/dbc_decoder.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+namespace {
+
+using Tokens = std::vector<std::string_view>;
+
+constexpr size_t kLineMax = 8191;  // characters a line buffer of 8192 bytes holds
+
+bool is_c_space(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+int digit_value(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return 99;
+}
+
+// Magnitude and sign as strtoull / strtoll see them. Base 0 detects a 0x prefix.
+struct IntText {
+    uint64_t magnitude = 0;
+    bool negative = false;
+    bool overflow = false;
+};
+
+IntText scan_integer(std::string_view s, int base) {
+    IntText r;
+    size_t i = 0;
+    while (i < s.size() && is_c_space(s[i])) ++i;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) r.negative = s[i++] == '-';
+    int radix = 10;
+    if (base == 0 && i + 2 < s.size() && s[i] == '0' && (s[i + 1] == 'x' || s[i + 1] == 'X') &&
+        digit_value(s[i + 2]) < 16) {
+        radix = 16;
+        i += 2;
+    }
+    for (; i < s.size(); ++i) {
+        int d = digit_value(s[i]);
+        if (d >= radix) break;
+        if (r.magnitude > (UINT64_MAX - static_cast<uint64_t>(d)) / static_cast<uint64_t>(radix))
+            r.overflow = true;
+        else
+            r.magnitude = r.magnitude * static_cast<uint64_t>(radix) + static_cast<uint64_t>(d);
+    }
+    return r;
+}
+
+// strtoull: a negative number wraps, overflow saturates.
+uint64_t parse_unsigned(std::string_view s, int base = 10) {
+    IntText t = scan_integer(s, base);
+    if (t.overflow) return UINT64_MAX;
+    return t.negative ? 0 - t.magnitude : t.magnitude;
+}
+
+// strtoll: saturates at both ends.
+int64_t parse_signed(std::string_view s, int base = 10) {
+    IntText t = scan_integer(s, base);
+    if (t.negative) {
+        if (t.overflow || t.magnitude > static_cast<uint64_t>(INT64_MAX) + 1) return INT64_MIN;
+        return static_cast<int64_t>(0 - t.magnitude);
+    }
+    if (t.overflow || t.magnitude > static_cast<uint64_t>(INT64_MAX)) return INT64_MAX;
+    return static_cast<int64_t>(t.magnitude);
+}
+
+double parse_double_slow(std::string_view s) {
+    std::string copy(s);
+    return std::strtod(copy.c_str(), nullptr);
+}
+
+// strtod. Decimal text goes through from_chars (locale-independent and exact);
+// hexadecimal floats and out-of-range values take the C library path.
+double parse_double(std::string_view s) {
+    size_t i = 0;
+    while (i < s.size() && is_c_space(s[i])) ++i;
+    bool negative = false;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) negative = s[i++] == '-';
+    if (i >= s.size()) return 0;
+    if (s[i] == '0' && i + 1 < s.size() && (s[i + 1] == 'x' || s[i + 1] == 'X'))
+        return parse_double_slow(s);
+    if (s[i] == '+' || s[i] == '-') return 0;
+    double v = 0;
+    auto res = std::from_chars(s.data() + i, s.data() + s.size(), v, std::chars_format::general);
+    if (res.ec == std::errc::invalid_argument) return 0;
+    if (res.ec != std::errc()) return parse_double_slow(s);
+    return negative ? -v : v;
+}
+
+// Text handed to the line scanner is followed by at least kPad readable bytes, so
+// that the scanner may look at 16 bytes at a time past a line's end.
+constexpr size_t kPad = 16;
+
+#if defined(__SSE2__)
+const char* find_space(const char* p, const char* end) {
+    const __m128i sp = _mm_set1_epi8(' ');
+    for (; p < end; p += 16) {
+        unsigned m = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), sp)));
+        if (m != 0) {
+            const char* q = p + __builtin_ctz(m);
+            return q < end ? q : end;
+        }
+    }
+    return end;
+}
+#else
+const char* find_space(const char* p, const char* end) {
+    while (p < end && *p != ' ') ++p;
+    return p;
+}
+#endif
+
+#if defined(__SSE2__)
+const char* find_byte(const char* p, const char* end, char c) {
+    const __m128i want = _mm_set1_epi8(c);
+    for (; p < end; p += 16) {
+        unsigned m = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), want)));
+        if (m != 0) {
+            const char* q = p + __builtin_ctz(m);
+            return q < end ? q : end;
+        }
+    }
+    return end;
+}
+#else
+const char* find_byte(const char* p, const char* end, char c) {
+    const void* q = std::memchr(p, c, static_cast<size_t>(end - p));
+    return q ? static_cast<const char*>(q) : end;
+}
+#endif
+
+// Splits at single spaces, dropping empty pieces.
+void tokenize(std::string_view line, Tokens& out) {
+    out.clear();
+    const char* p = line.data();
+    const char* end = p + line.size();
+    for (;;) {
+        while (p < end && *p == ' ') ++p;
+        if (p >= end) break;
+        const char* start = p;
+        p = find_space(p, end);
+        out.emplace_back(start, static_cast<size_t>(p - start));
+    }
+}
+
+// Appends `piece` without its double quotes.
+void append_unquoted(std::string& out, std::string_view piece) {
+    size_t start = 0;
+    for (;;) {
+        const size_t quote = piece.find('"', start);
+        if (quote == std::string_view::npos) {
+            out.append(piece.data() + start, piece.size() - start);
+            return;
+        }
+        out.append(piece.data() + start, quote - start);
+        start = quote + 1;
+    }
+}
+
+std::string unquoted(std::string_view piece) {
+    std::string out;
+    out.reserve(piece.size());
+    append_unquoted(out, piece);
+    return out;
+}
+
+// Tokens [from, end) joined with single spaces, double quotes removed.
+std::string join_unquoted(const Tokens& tok, size_t from) {
+    std::string out;
+    for (size_t i = from; i < tok.size(); ++i) {
+        if (i > from) out.push_back(' ');
+        append_unquoted(out, tok[i]);
+    }
+    return out;
+}
+
+// The `split(text, character)` rule: pieces between separators, empty ones kept,
+// except that a separator at the very end opens no further piece.
+template <class Fn>
+void for_each_piece(std::string_view text, char sep, Fn fn) {
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t at = text.find(sep, start);
+        if (at == std::string_view::npos) {
+            fn(text.substr(start));
+            return;
+        }
+        fn(text.substr(start, at - start));
+        start = at + 1;
+    }
+}
+
+// Pieces of a token split at any of the characters in `seps`, empty pieces dropped.
+size_t split_any(std::string_view text, std::string_view seps, std::string_view* out, size_t max) {
+    size_t n = 0;
+    size_t i = 0;
+    while (i < text.size()) {
+        while (i < text.size() && seps.find(text[i]) != std::string_view::npos) ++i;
+        if (i >= text.size()) break;
+        size_t start = i;
+        while (i < text.size() && seps.find(text[i]) == std::string_view::npos) ++i;
+        if (n < max) out[n] = text.substr(start, i - start);
+        ++n;
+    }
+    return n;
+}
+
+// Two numbers in a token such as "(0.1,-40)" or "[0|100]": the bracket characters
+// are removed, the rest is split at `sep`, and only exactly two pieces count.
+bool read_pair(std::string_view token, std::string_view brackets, char sep, double& first,
+               double& second) {
+    char buf[64];
+    std::string big;
+    char* text = buf;
+    if (token.size() > sizeof buf) {
+        big.resize(token.size());
+        text = big.data();
+    }
+    size_t n = 0;
+    for (char c : token)
+        if (brackets.find(c) == std::string_view::npos) text[n++] = c;
+    std::string_view pieces[2];
+    size_t count = 0;
+    for_each_piece(std::string_view(text, n), sep, [&](std::string_view piece) {
+        if (count < 2) pieces[count] = piece;
+        ++count;
+    });
+    if (count != 2) return false;
+    first = parse_double(pieces[0]);
+    second = parse_double(pieces[1]);
+    return true;
+}
+
+// Walks from the most significant bit that a Motorola start bit names to the least
+// significant one, length - 1 steps of the sawtooth bit order (down within a byte,
+// then to bit 7 of the next byte). Closed form of that walk.
+uint16_t motorola_lsb(uint16_t start, uint16_t length) {
+    uint64_t m = (start / 8u) * 8u + (7u - start % 8u);
+    if (length > 0) m += length - 1u;
+    return static_cast<uint16_t>((m / 8u) * 8u + (7u - m % 8u));
+}
+
+enum class Kind { None, BO, SG, CM, VAL, SigValType, BaDef, BaDefDef, BA };
+
+Kind keyword(std::string_view w) {
+    switch (w.size()) {
+        case 3:
+            if (w == "BO_") return Kind::BO;
+            if (w == "SG_") return Kind::SG;
+            if (w == "CM_") return Kind::CM;
+            if (w == "BA_") return Kind::BA;
+            break;
+        case 4:
+            if (w == "VAL_") return Kind::VAL;
+            break;
+        case 7:
+            if (w == "BA_DEF_") return Kind::BaDef;
+            break;
+        case 11:
+            if (w == "BA_DEF_DEF_") return Kind::BaDefDef;
+            break;
+        case 12:
+            if (w == "SIG_VALTYPE_") return Kind::SigValType;
+            break;
+        default: break;
+    }
+    return Kind::None;
+}
+
+// First token of a raw line, as it reads once the ';' are removed.
+Kind classify(const char* p, size_t n) {
+    size_t i = 0;
+    while (i < n && (p[i] == ' ' || p[i] == ';')) ++i;
+    size_t end = i;
+    bool semicolon = false;
+    while (end < n && p[end] != ' ') semicolon |= p[end++] == ';';
+    if (!semicolon) return keyword(std::string_view(p + i, end - i));
+    char t[16];
+    size_t k = 0;
+    for (; i < end; ++i) {
+        if (p[i] == ';') continue;
+        if (k == sizeof t) return Kind::None;
+        t[k++] = p[i];
+    }
+    return keyword(std::string_view(t, k));
+}
+
+// Opens a regular file for reading; -1 for anything else (a directory or device
+// would either fail every read or never end).
+int open_regular(const std::string& path, struct stat& st) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A file's bytes followed by kPad zero bytes. The buffer is kept between reads.
+struct FileText {
+    std::unique_ptr<char[]> buf;
+    size_t cap = 0;  // bytes available before the padding
+    size_t size = 0;
+    std::string_view view() const { return std::string_view(buf.get(), size); }
+};
+
+bool read_whole_file(const std::string& path, FileText& text) {
+    text.size = 0;
+    struct stat st;
+    int fd = open_regular(path, st);
+    if (fd < 0) return false;
+    const size_t want = static_cast<size_t>(st.st_size) + 1;
+    if (text.cap < want) {
+        text.buf.reset(new char[want + kPad]);
+        text.cap = want;
+    }
+    for (;;) {
+        if (text.size == text.cap) {  // the file grew while being read
+            std::unique_ptr<char[]> bigger(new char[text.cap * 2 + kPad]);
+            std::memcpy(bigger.get(), text.buf.get(), text.size);
+            text.buf = std::move(bigger);
+            text.cap *= 2;
+        }
+        ssize_t got = ::read(fd, text.buf.get() + text.size, text.cap - text.size);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        text.size += static_cast<size_t>(got);
+    }
+    ::close(fd);
+    std::memset(text.buf.get() + text.size, 0, kPad);
+    return true;
+}
+
+std::vector<std::string_view> as_views(const std::vector<std::string>& tokens) {
+    return std::vector<std::string_view>(tokens.begin(), tokens.end());
+}
+
+}  // namespace
+
+namespace dbc_detail {
+
+uint64_t hash_bytes(const char* p, size_t n) {
+    const uint64_t k = 0x9E3779B97F4A7C15ull;
+    uint64_t h = n * k;
+    while (n >= 8) {
+        uint64_t w;
+        std::memcpy(&w, p, 8);
+        h = (h ^ w) * k;
+        h ^= h >> 29;
+        p += 8;
+        n -= 8;
+    }
+    if (n > 0) {
+        uint64_t w = 0;
+        if (n >= 4) {
+            uint32_t lo, hi;
+            std::memcpy(&lo, p, 4);
+            std::memcpy(&hi, p + n - 4, 4);
+            w = lo | (static_cast<uint64_t>(hi) << 32);
+        } else {
+            w = static_cast<uint8_t>(p[0]) | (static_cast<uint64_t>(static_cast<uint8_t>(p[n / 2])) << 8) |
+                (static_cast<uint64_t>(static_cast<uint8_t>(p[n - 1])) << 16);
+        }
+        h = (h ^ w) * k;
+    }
+    h ^= h >> 32;
+    h *= 0xD6E8FEB86659FD93ull;
+    h ^= h >> 32;
+    return h;
+}
+
+void HashIndex::clear() {
+    slots_.clear();
+    mask_ = 0;
+    count_ = 0;
+}
+
+void HashIndex::reserve(size_t n) {
+    size_t cap = 16;
+    while (cap * 3 < n * 4 + 4) cap *= 2;
+    if (cap <= slots_.size()) return;
+    std::vector<Slot> old;
+    old.swap(slots_);
+    slots_.assign(cap, Slot{0, 0, 0});
+    mask_ = cap - 1;
+    for (const Slot& s : old) {
+        if (s.hash == 0) continue;
+        size_t i = s.hash & mask_;
+        while (slots_[i].hash != 0) i = (i + 1) & mask_;
+        slots_[i] = s;
+    }
+}
+
+void HashIndex::grow() { reserve(slots_.empty() ? 8 : slots_.size()); }
+
+void IdIndex::clear() {
+    keys_.clear();
+    pos_.clear();
+    mask_ = 0;
+    count_ = 0;
+}
+
+void IdIndex::reserve(size_t n) {
+    size_t cap = 16;
+    while (cap < n * 2 + 2) cap *= 2;
+    if (cap <= keys_.size()) return;
+    std::vector<uint32_t> old_keys, old_pos;
+    old_keys.swap(keys_);
+    old_pos.swap(pos_);
+    keys_.assign(cap, 0);
+    pos_.assign(cap, UINT32_MAX);
+    mask_ = cap - 1;
+    for (size_t j = 0; j < old_keys.size(); ++j) {
+        if (old_pos[j] == UINT32_MAX) continue;
+        size_t i = spread(old_keys[j]) & mask_;
+        while (pos_[i] != UINT32_MAX) i = (i + 1) & mask_;
+        keys_[i] = old_keys[j];
+        pos_[i] = old_pos[j];
+    }
+}
+
+void IdIndex::grow() { reserve(keys_.empty() ? 8 : keys_.size()); }
+
+void IdIndex::insert_first(uint32_t id, uint32_t pos) {
+    if ((count_ + 1) * 2 > keys_.size()) grow();
+    size_t i = spread(id) & mask_;
+    for (;;) {
+        if (pos_[i] == UINT32_MAX) {
+            keys_[i] = id;
+            pos_[i] = pos;
+            ++count_;
+            return;
+        }
+        if (keys_[i] == id) return;
+        i = (i + 1) & mask_;
+    }
+}
+
+}  // namespace dbc_detail
+
+// ---------------------------------------------------------------------------------
+// Line handlers
+
+class DBC_Decoder::Parser {
+public:
+    explicit Parser(DBC_Decoder& db) : db_(db) {
+        scratch_.reset(new char[kLineMax + kPad]());
+        db_.invalidate_codec();  // signal records may move while the lists grow
+    }
+
+    // `text` must be followed by kPad readable bytes.
+    void run(std::string_view text, bool definitions) {
+        // A NUL byte ends its line (the line buffer is a C string); most files have
+        // none, which spares the per-line search.
+        has_nul_ = std::memchr(text.data(), '\0', text.size()) != nullptr;
+        const char* p = text.data();
+        const char* end = p + text.size();
+        while (p < end) {
+            const char* line_end = find_byte(p, end, '\n');
+            size_t len = static_cast<size_t>(line_end - p);
+            while (len > kLineMax) {
+                line(p, kLineMax, definitions);
+                p += kLineMax;
+                len -= kLineMax;
+            }
+            line(p, len, definitions);
+            p = line_end < end ? line_end + 1 : end;
+        }
+    }
+
+    // Static helpers shared with the public token-list members.
+    static void fill_message(DBC_MESSAGE& m, const Tokens& tok);
+    static void fill_signal(DBC_SIGNAL& s, const Tokens& tok);
+
+private:
+    void line(const char* p, size_t n, bool definitions) {
+        if (has_nul_)
+            if (const void* nul = std::memchr(p, '\0', n)) n = static_cast<size_t>(static_cast<const char*>(nul) - p);
+        Kind kind = classify(p, n);
+        if (kind == Kind::None) return;
+        if ((kind == Kind::BA) == definitions) return;
+        std::string_view text(p, n);
+        const char* end = p + n;
+        const char* semi = find_byte(p, end, ';');
+        if (semi < end) {
+            char* out = scratch_.get();
+            const char* q = p;
+            do {
+                std::memcpy(out, q, static_cast<size_t>(semi - q));
+                out += semi - q;
+                q = semi + 1;
+                semi = find_byte(q, end, ';');
+            } while (semi < end);
+            std::memcpy(out, q, static_cast<size_t>(end - q));
+            out += end - q;
+            text = std::string_view(scratch_.get(), static_cast<size_t>(out - scratch_.get()));
+        }
+        tokenize(text, tok_);
+        if (tok_.size() < 2) return;
+        switch (kind) {
+            case Kind::BO: on_message(); break;
+            case Kind::SG: on_signal(); break;
+            case Kind::CM: on_comment(); break;
+            case Kind::VAL: on_value_table(); break;
+            case Kind::SigValType: on_value_type(text); break;
+            case Kind::BaDef: on_attribute_definition(); break;
+            case Kind::BaDefDef: on_attribute_default(); break;
+            case Kind::BA: on_attribute_value(); break;
+            case Kind::None: break;
+        }
+    }
+
+    DBC_MESSAGE* message_by_id(std::string_view token) {
+        uint64_t id = parse_unsigned(token);
+        if (id > UINT32_MAX) return nullptr;
+        int m = db_.findMessageById(static_cast<uint32_t>(id));
+        return m < 0 ? nullptr : &db_.messages[static_cast<size_t>(m)];
+    }
+
+    DBC_SIGNAL* signal_of(DBC_MESSAGE* msg, std::string_view name) {
+        if (msg == nullptr) return nullptr;
+        int m = static_cast<int>(msg - db_.messages.data());
+        int s = db_.findSignal(m, name);
+        return s < 0 ? nullptr : &msg->signals[static_cast<size_t>(s)];
+    }
+
+    int definition(std::string_view quoted_name) {
+        std::string& name = name_buf_;
+        name.clear();
+        append_unquoted(name, quoted_name);
+        const auto* hit = db_.index_attr_def_.find(dbc_detail::hash_str(name), [&](const auto& s) {
+            return db_.attributeDefinitions[s.a].name == name;
+        });
+        return hit ? static_cast<int>(hit->a) : -1;
+    }
+
+    void on_message() {
+        if (tok_.size() < 4) return;
+        DBC_MESSAGE m;
+        fill_message(m, tok_);
+        if (m.name.empty()) return;
+        db_.messages.push_back(std::move(m));
+        uint32_t pos = static_cast<uint32_t>(db_.messages.size() - 1);
+        const DBC_MESSAGE& added = db_.messages.back();
+        db_.index_msg_name_.insert_first(dbc_detail::hash_str(added.name), pos, 0, [&](const auto& s) {
+            return db_.messages[s.a].name == added.name;
+        });
+        db_.index_id_.insert_first(added.id, pos);
+    }
+
+    void on_signal() {
+        if (tok_.size() < 7 || db_.messages.empty()) return;
+        DBC_MESSAGE& msg = db_.messages.back();
+        if (msg.signals.capacity() == 0) msg.signals.reserve(4);  // spares the first regrowths
+        msg.signals.emplace_back();
+        DBC_SIGNAL& sig = msg.signals.back();
+        fill_signal(sig, tok_);
+        if (sig.name.empty()) {
+            msg.signals.pop_back();
+            return;
+        }
+        uint32_t m = static_cast<uint32_t>(db_.messages.size() - 1);
+        uint32_t pos = static_cast<uint32_t>(msg.signals.size() - 1);
+        db_.index_signal_.insert_first(dbc_detail::hash_signal(m, sig.name), m, pos, [&](const auto& s) {
+            return s.a == m && db_.messages[m].signals[s.b].name == sig.name;
+        });
+    }
+
+    void on_comment() {
+        if (tok_.size() < 4) return;
+        if (tok_[1] == "BO_") {
+            if (DBC_MESSAGE* msg = message_by_id(tok_[2])) msg->comment = join_unquoted(tok_, 3);
+        } else if (tok_[1] == "SG_") {
+            if (DBC_SIGNAL* sig = signal_of(message_by_id(tok_[2]), tok_[3]))
+                sig->comment = join_unquoted(tok_, 4);
+        }
+    }
+
+    void on_value_table() {
+        if (tok_.size() < 3) return;
+        DBC_SIGNAL* sig = signal_of(message_by_id(tok_[1]), tok_[2]);
+        if (sig == nullptr) return;
+        // The pairs are read from the line text after the signal name, so that a
+        // description keeps its own spacing.
+        const char* rest = tok_[2].data() + tok_[2].size();
+        const char* line_end = tok_.back().data() + tok_.back().size();
+        sig->valueTable.clear();
+        read_value_table(std::string_view(rest, static_cast<size_t>(line_end - rest)), sig->valueTable);
+    }
+
+    void on_value_type(std::string_view text) {
+        if (tok_.size() < 3) return;
+        std::string_view pieces[2];
+        size_t count = 0;
+        for_each_piece(text, ':', [&](std::string_view piece) {
+            if (count < 2) pieces[count] = piece;
+            ++count;
+        });
+        if (count < 2) return;
+        uint32_t type = static_cast<uint32_t>(parse_unsigned(pieces[1]));
+        uint64_t id = parse_unsigned(tok_[1]);
+        if (id > UINT32_MAX) return;
+        std::string_view name = tok_[2];
+        for (DBC_MESSAGE& msg : db_.messages) {
+            if (msg.id != id) continue;
+            for (DBC_SIGNAL& sig : msg.signals)
+                if (sig.name == name) DBC_Decoder::setValueType(type, sig);
+        }
+    }
+
+    void on_attribute_definition() {
+        DBC_ATTRIBUTE a;
+        size_t i = 1;
+        if (tok_[1] == "SG_" || tok_[1] == "BO_" || tok_[1] == "BU_") {
+            a.objectType = std::string(tok_[1]);
+            i = 2;
+        }
+        if (i < tok_.size()) a.name = unquoted(tok_[i]);
+        ++i;
+        if (i < tok_.size()) a.valueType = std::string(tok_[i]);
+        ++i;
+        if (a.valueType == "ENUM") {
+            std::string params = join_unquoted(tok_, i);
+            for_each_piece(params, ',', [&](std::string_view piece) { a.enumValues.emplace_back(piece); });
+        } else if (a.valueType == "INT" || a.valueType == "HEX" || a.valueType == "FLOAT") {
+            if (i < tok_.size()) a.minimum = parse_double(tok_[i]);
+            if (i + 1 < tok_.size()) a.maximum = parse_double(tok_[i + 1]);
+        }
+        db_.attributeDefinitions.push_back(std::move(a));
+        uint32_t pos = static_cast<uint32_t>(db_.attributeDefinitions.size() - 1);
+        const std::string& name = db_.attributeDefinitions.back().name;
+        db_.index_attr_def_.insert_first(dbc_detail::hash_str(name), pos, 0, [&](const auto& s) {
+            return db_.attributeDefinitions[s.a].name == name;
+        });
+    }
+
+    void on_attribute_default() {
+        int def = definition(tok_[1]);
+        if (def < 0) return;
+        db_.attributeDefinitions[static_cast<size_t>(def)].value = join_unquoted(tok_, 2);
+    }
+
+    void on_attribute_value() {
+        if (tok_.size() < 3) return;
+        std::vector<DBC_ATTRIBUTE>* target = nullptr;
+        size_t value_at = 0;
+        if (tok_[2] == "BO_") {
+            if (tok_.size() < 5) return;
+            if (DBC_MESSAGE* msg = message_by_id(tok_[3])) target = &msg->attributes;
+            value_at = 4;
+        } else if (tok_[2] == "SG_") {
+            if (tok_.size() < 6) return;
+            if (DBC_SIGNAL* sig = signal_of(message_by_id(tok_[3]), tok_[4])) target = &sig->attributes;
+            value_at = 5;
+        }
+        // Node and network attributes are not kept.
+        if (target == nullptr) return;
+        int def = definition(tok_[1]);
+        if (def < 0) return;
+        // Objects that carry attributes usually carry several.
+        if (target->capacity() == 0) target->reserve(4);
+        target->push_back(db_.attributeDefinitions[static_cast<size_t>(def)]);
+        target->back().value = join_unquoted(tok_, value_at);
+    }
+
+public:
+    // Pairs of an integer and a double-quoted description; reading stops at the first
+    // number that no opening quote follows, or at a description that never closes.
+    static void read_value_table(std::string_view text, std::map<int32_t, std::string>& table) {
+        size_t i = 0;
+        const size_t n = text.size();
+        for (;;) {
+            while (i < n && is_c_space(text[i])) ++i;
+            if (i >= n) return;
+            size_t num = i;
+            while (i < n && !is_c_space(text[i]) && text[i] != '"') ++i;
+            int32_t key = static_cast<int32_t>(parse_signed(text.substr(num, i - num), 0));
+            while (i < n && is_c_space(text[i])) ++i;
+            if (i >= n || text[i] != '"') return;
+            size_t close = text.find('"', i + 1);
+            if (close == std::string_view::npos) return;
+            table.emplace(key, std::string(text.substr(i + 1, close - i - 1)));
+            i = close + 1;
+        }
+    }
+
+private:
+    DBC_Decoder& db_;
+    std::unique_ptr<char[]> scratch_;
+    Tokens tok_;
+    std::string name_buf_;
+    bool has_nul_ = false;
+};
+
+void DBC_Decoder::Parser::fill_message(DBC_MESSAGE& m, const Tokens& tok) {
+    // BO_ <id> <name>: <dlc> <publisher>
+    if (tok.size() < 4) return;
+    uint64_t id = parse_unsigned(tok[1], 0);
+    m.id = id < 2048 ? static_cast<uint32_t>(id) : (static_cast<uint32_t>(id) | 0x80000000u);
+    m.name.reserve(tok[2].size());
+    for (char c : tok[2])
+        if (c != ':') m.name.push_back(c);
+    m.dlc = static_cast<uint32_t>(parse_unsigned(tok[3]));
+    if (tok.size() > 4) m.publisher = std::string(tok[4]);
+    m.isCanFd = 0;
+    m.brs = 0;
+    std::memset(m.data, 0, sizeof m.data);
+    m.initFlag = 1;
+    m.cycleTime = 10;
+}
+
+void DBC_Decoder::Parser::fill_signal(DBC_SIGNAL& s, const Tokens& tok) {
+    // SG_ <name> [<mux>] : <start>|<len>@<order><sign> (<factor>,<offset>) [<min>|<max>] "<unit>" <rx>
+    if (tok.size() < 2) return;
+    s.name = std::string(tok[1]);
+    s.isSigned = 0;
+    s.valueType = 0;
+    s.multiplexKind = 0;
+    s.multiplexValue = 0;
+    size_t base = 0;  // shift of the later tokens once the indicator is taken out
+    if (tok.size() > 2 && tok[2] != ":") {
+        std::string_view ind = tok[2];
+        if (ind.find('M') != std::string_view::npos) {
+            s.multiplexKind = 2;
+        } else if (ind.find('m') != std::string_view::npos) {
+            s.multiplexKind = 1;
+            std::string rest;
+            for (char c : ind)
+                if (c != 'm') rest.push_back(c);
+            s.multiplexValue = static_cast<uint32_t>(parse_unsigned(rest));
+        }
+        base = 1;
+    }
+    auto at = [&](size_t i) -> std::string_view {
+        return i + base < tok.size() ? tok[i + base] : std::string_view();
+    };
+    std::string_view bits[3];
+    size_t nbits = split_any(at(3), "|@ ", bits, 3);
+    if (nbits >= 1) s.startBit = static_cast<uint16_t>(parse_unsigned(bits[0]));
+    if (nbits >= 2) s.length = static_cast<uint16_t>(parse_unsigned(bits[1]));
+    if (nbits >= 3) {
+        if (!bits[2].empty() && bits[2][0] == '0') s.byteOrder = Motorola;
+        if (!bits[2].empty() && bits[2][0] == '1') s.byteOrder = Intel;
+        if (bits[2].find('-') != std::string_view::npos)
+            s.isSigned = 1;
+        else if (bits[2].find('+') != std::string_view::npos)
+            s.isSigned = 0;
+    }
+    if (s.byteOrder == Motorola) s.startBit = motorola_lsb(s.startBit, s.length);
+    read_pair(at(4), "()", ',', s.factor, s.offset);
+    read_pair(at(5), "[]", '|', s.minimum, s.maximum);
+
+    // The unit runs from the token that opens a quote to the one that closes it; the
+    // tokens after it are the receivers.
+    size_t first = 6 + base;
+    size_t open = first;
+    while (open < tok.size() && (tok[open].empty() || tok[open][0] != '"')) ++open;
+    if (open >= tok.size()) {
+        for (size_t i = first; i < tok.size(); ++i) s.receivers.emplace_back(tok[i]);
+        return;
+    }
+    size_t close = open;
+    while (close < tok.size()) {
+        std::string_view t = tok[close];
+        bool ends = !t.empty() && t.back() == '"' && (close > open || t.size() >= 2);
+        if (ends) break;
+        ++close;
+    }
+    size_t last = close < tok.size() ? close : tok.size() - 1;
+    s.unit.clear();
+    for (size_t i = open; i <= last; ++i) {
+        if (i > open) s.unit.push_back(' ');
+        append_unquoted(s.unit, tok[i]);
+    }
+    for (size_t i = last + 1; i < tok.size(); ++i) s.receivers.emplace_back(tok[i]);
+}
+
+// ---------------------------------------------------------------------------------
+// Construction and passes
+
+namespace {
+
+void post_pass(DBC_Decoder& db) {
+    bool brs = false;
+    for (const DBC_ATTRIBUTE& def : db.attributeDefinitions) {
+        if (def.name == "CANFD_BRS") {
+            brs = def.value == "1";
+            break;
+        }
+    }
+    for (DBC_MESSAGE& msg : db.messages) {
+        for (const DBC_ATTRIBUTE& a : msg.attributes) {
+            if (a.name == "GenMsgCycleTime" &&
+                (a.valueType == "INT" || a.valueType == "FLOAT" || a.valueType == "HEX")) {
+                double v = parse_double(a.value);
+                int64_t whole = 0;
+                if (std::isnan(v))
+                    whole = 0;
+                else if (v >= 9.2233720368547758e18)
+                    whole = INT64_MAX;
+                else if (v <= -9.2233720368547758e18)
+                    whole = INT64_MIN;
+                else
+                    whole = static_cast<int64_t>(v);
+                msg.cycleTime = static_cast<uint32_t>(whole);
+            } else if (a.name == "VFrameFormat" && a.valueType == "ENUM") {
+                int64_t index = parse_signed(a.value);
+                if (index < 0 || static_cast<uint64_t>(index) >= a.enumValues.size()) continue;
+                const std::string& text = a.enumValues[static_cast<size_t>(index)];
+                if (text == "StandardCAN") {
+                    msg.id &= ~0x80000000u;
+                    msg.isCanFd = 0;
+                } else if (text == "ExtendedCAN" || text == "J1939PG") {
+                    msg.id |= 0x80000000u;
+                    msg.isCanFd = 0;
+                } else if (text == "StandardCAN_FD") {
+                    msg.id &= ~0x80000000u;
+                    msg.isCanFd = 1;
+                    msg.brs = brs ? 1 : 0;
+                } else if (text == "ExtendedCAN_FD") {
+                    msg.id |= 0x80000000u;
+                    msg.isCanFd = 1;
+                    msg.brs = brs ? 1 : 0;
+                }
+            }
+        }
+    }
+}
+
+}  // namespace
+
+bool DBC_Decoder::isReadableFile(const std::string& path) {
+    struct stat st;
+    int fd = open_regular(path, st);
+    if (fd < 0) return false;
+    ::close(fd);
+    return true;
+}
+
+// Both passes read the file, as the two members do; the constructor only lends them
+// one buffer.
+DBC_Decoder::DBC_Decoder(const std::string& path, const std::string& /*encoding*/) {
+    FileText text;
+    if (read_whole_file(path, text)) Parser(*this).run(text.view(), true);
+    if (read_whole_file(path, text)) Parser(*this).run(text.view(), false);
+    post_pass(*this);
+    reindex();
+}
+
+void DBC_Decoder::parseText(DBC_Decoder& db, std::string_view text) {
+    std::unique_ptr<char[]> padded(new char[text.size() + kPad]());
+    if (!text.empty()) std::memcpy(padded.get(), text.data(), text.size());
+    const std::string_view copy(padded.get(), text.size());
+    Parser parser(db);
+    parser.run(copy, true);
+    parser.run(copy, false);
+    post_pass(db);
+    db.reindex();
+}
+
+// The encoding name is accepted for compatibility; bytes are kept as they are.
+void DBC_Decoder::decodeDBCFile(const std::string& path, const std::string& /*encoding*/) {
+    FileText text;
+    if (read_whole_file(path, text)) Parser(*this).run(text.view(), true);
+}
+
+void DBC_Decoder::updateAttrValues(const std::string& path, const std::string& /*encoding*/) {
+    FileText text;
+    if (read_whole_file(path, text)) Parser(*this).run(text.view(), false);
+}
+
+DBC_MESSAGE DBC_Decoder::getMessageValues(const std::vector<std::string>& tokens) {
+    DBC_MESSAGE m;
+    Parser::fill_message(m, as_views(tokens));
+    return m;
+}
+
+DBC_SIGNAL DBC_Decoder::getSignalValues(const std::vector<std::string>& tokens) {
+    DBC_SIGNAL s;
+    Parser::fill_signal(s, as_views(tokens));
+    return s;
+}
+
+std::map<int32_t, std::string> DBC_Decoder::getValueTable(const std::string& text) {
+    std::map<int32_t, std::string> table;
+    Parser::read_value_table(text, table);
+    return table;
+}
+
+void DBC_Decoder::setValueType(uint32_t type, DBC_SIGNAL& signal) {
+    signal.valueType = (type == 1 || type == 2) ? type : 0;
+}
+
+void DBC_Decoder::appendSignalValues(const std::vector<std::string>& tokens, DBC_MESSAGE& record) {
+    record.signals.push_back(getSignalValues(tokens));
+    reindex();
+}
+
+// ---------------------------------------------------------------------------------
+// Look-ups
+
+void DBC_Decoder::reindex() {
+    invalidate_codec();
+    index_msg_name_.clear();
+    index_signal_.clear();
+    index_attr_def_.clear();
+    index_id_.clear();
+    size_t nsig = 0;
+    for (const DBC_MESSAGE& m : messages) nsig += m.signals.size();
+    index_msg_name_.reserve(messages.size());
+    index_id_.reserve(messages.size());
+    index_signal_.reserve(nsig);
+    index_attr_def_.reserve(attributeDefinitions.size());
+    for (uint32_t i = 0; i < messages.size(); ++i) {
+        const DBC_MESSAGE& msg = messages[i];
+        index_msg_name_.insert_first(dbc_detail::hash_str(msg.name), i, 0,
+                                     [&](const auto& s) { return messages[s.a].name == msg.name; });
+        index_id_.insert_first(msg.id, i);
+        for (uint32_t j = 0; j < msg.signals.size(); ++j) {
+            const std::string& name = msg.signals[j].name;
+            index_signal_.insert_first(dbc_detail::hash_signal(i, name), i, j, [&](const auto& s) {
+                return s.a == i && messages[i].signals[s.b].name == name;
+            });
+        }
+    }
+    for (uint32_t i = 0; i < attributeDefinitions.size(); ++i) {
+        const std::string& name = attributeDefinitions[i].name;
+        index_attr_def_.insert_first(dbc_detail::hash_str(name), i, 0,
+                                     [&](const auto& s) { return attributeDefinitions[s.a].name == name; });
+    }
+    build_codec();
+}
+
+int DBC_Decoder::findMessage(std::string_view name) const {
+    const auto* hit = index_msg_name_.find(dbc_detail::hash_str(name), [&](const auto& s) {
+        return dbc_detail::same_name(messages[s.a].name, name);
+    });
+    return hit ? static_cast<int>(hit->a) : -1;
+}
+
+int DBC_Decoder::findSignal(int message, std::string_view name) const {
+    if (message < 0) return -1;
+    uint32_t m = static_cast<uint32_t>(message);
+    const auto* hit = index_signal_.find(dbc_detail::hash_signal(m, name), [&](const auto& s) {
+        return s.a == m && dbc_detail::same_name(messages[m].signals[s.b].name, name);
+    });
+    return hit ? static_cast<int>(hit->b) : -1;
+}
+
+void DBC_Decoder::invalidate_codec() {
+    codec_ready_ = false;
+    fields_.clear();
+    packed_.clear();
+    codecs_.clear();
+    last_message_ = -1;
+    last_codec_ = nullptr;
+}
+
+bool DBC_Decoder::getMessage(const std::string& name, DBC_MESSAGE** out) {
+    int m = findMessage(std::string_view(name));
+    if (m < 0) return false;
+    if (out != nullptr) *out = &messages[static_cast<size_t>(m)];
+    return true;
+}
+
+bool DBC_Decoder::getMessage(const std::string& name, DBC_MESSAGE& out) {
+    int m = findMessage(std::string_view(name));
+    if (m < 0) return false;
+    out = messages[static_cast<size_t>(m)];
+    return true;
+}
+
+bool DBC_Decoder::getSignal(const std::string& messageName, const std::string& signalName,
+                            DBC_SIGNAL** out) {
+    int m = findMessage(std::string_view(messageName));
+    int s = findSignal(m, std::string_view(signalName));
+    if (s < 0) return false;
+    if (out != nullptr) *out = &messages[static_cast<size_t>(m)].signals[static_cast<size_t>(s)];
+    return true;
+}
+
+bool DBC_Decoder::getSignal(const std::string& messageName, const std::string& signalName,
+                            DBC_SIGNAL& out) {
+    DBC_SIGNAL* p = nullptr;
+    if (!getSignal(messageName, signalName, &p)) return false;
+    out = *p;
+    return true;
+}
+
+bool DBC_Decoder::updateMessage(const std::string& name, const DBC_MESSAGE& record) {
+    int m = findMessage(std::string_view(name));
+    if (m < 0) return false;
+    messages[static_cast<size_t>(m)] = record;
+    reindex();
+    return true;
+}
+
+bool DBC_Decoder::updateSignal(const std::string& messageName, const std::string& signalName,
+                               const DBC_SIGNAL& signal) {
+    DBC_SIGNAL* p = nullptr;
+    if (!getSignal(messageName, signalName, &p)) return false;
+    *p = signal;
+    reindex();
+    return true;
+}
+
+// ---------------------------------------------------------------------------------
+// String utilities
+
+uint32_t DBC_Decoder::GetDoubleQuoteNum(const std::string& text) {
+    uint32_t n = 0;
+    for (char c : text) n += c == '"';
+    return n;
+}
+
+std::vector<std::string> DBC_Decoder::string_split(const std::string& text, const std::string& separators) {
+    std::vector<std::string> out;
+    size_t i = 0;
+    while (i < text.size()) {
+        size_t start = text.find_first_not_of(separators, i);
+        if (start == std::string::npos) break;
+        size_t stop = text.find_first_of(separators, start);
+        if (stop == std::string::npos) stop = text.size();
+        out.emplace_back(text, start, stop - start);
+        i = stop;
+    }
+    return out;
+}
+
+std::vector<std::string> DBC_Decoder::split(const std::string& text, char character) {
+    std::vector<std::string> out;
+    for_each_piece(text, character, [&](std::string_view piece) { out.emplace_back(piece); });
+    return out;
+}
+
+void DBC_Decoder::string_remove(std::string& text, const std::string& piece) {
+    if (piece.empty()) return;
+    std::string out;
+    out.reserve(text.size());
+    size_t i = 0;
+    for (;;) {
+        size_t at = text.find(piece, i);
+        if (at == std::string::npos) break;
+        out.append(text, i, at - i);
+        i = at + piece.size();
+    }
+    out.append(text, i, std::string::npos);
+    text.swap(out);
+}
+
+void DBC_Decoder::string_replace_all(std::string& text, const std::string& from, const std::string& to) {
+    if (from.empty()) return;
+    std::string out;
+    out.reserve(text.size());
+    size_t i = 0;
+    for (;;) {
+        size_t at = text.find(from, i);
+        if (at == std::string::npos) break;
+        out.append(text, i, at - i);
+        out += to;
+        i = at + from.size();
+    }
+    out.append(text, i, std::string::npos);
+    text.swap(out);
+}
+
+std::string DBC_Decoder::string_join(const std::vector<std::string>& pieces, const std::string& separator) {
+    std::string out;
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        if (i > 0) out += separator;
+        out += pieces[i];
+    }
+    return out;
+}
+
+void DBC_Decoder::trim(std::string& text, const std::string& characters) {
+    size_t start = text.find_first_not_of(characters);
+    if (start == std::string::npos) {
+        text.clear();
+        return;
+    }
+    size_t stop = text.find_last_not_of(characters);
+    text = text.substr(start, stop - start + 1);
+}
