@@ -17,13 +17,9 @@
  * Behaviour worth knowing:
  *  - Names are compared exactly (case-sensitive); with duplicate names the first in
  *    file order wins. A null name is treated like an unknown name (-5).
- *  - A line ends at LF, at a NUL byte, or after 8191 bytes (the rest of a longer line
- *    is read as the next line). Lines are split at single spaces only and bytes are
- *    kept as they are in the file (no character-set conversion). A file with CR LF
- *    line ends therefore keeps the CR at the end of the last token of each line: the
- *    publisher of "BO_ 1 M: 8 ECU<CR><LF>" reads "ECU\r", and the last text of an
- *    ENUM attribute definition ends in "\r" (a VFrameFormat index naming it selects
- *    no frame format).
+ *  - A line ends at LF or CR LF, at a NUL byte, or after 8191 bytes (the rest of a
+ *    longer line is read as the next line). Lines are split at single spaces only and
+ *    bytes are kept as they are in the file (no character-set conversion).
  *  - A multiplex indicator holding both letters (extended multiplexing, "m1M") makes
  *    the signal a multiplexer switch.
  *  - A physical value is clamped to the signal's [minimum, maximum] before it is

@@ -9,5 +9,6 @@
 #include "can.h"
 #include "canfd.h"
 #include "hexfile.h"
+#include "dbc.h"
 
 #endif

@@ -486,6 +486,10 @@ public:
         while (p < end) {
             const char* line_end = find_byte(p, end, '\n');
             size_t len = static_cast<size_t>(line_end - p);
+            // CR LF ends a line just as LF does: most DBC files come from Windows tools,
+            // and a CR kept on the last token would leak into names, comments and
+            // attribute values.
+            if (len > 0 && p[len - 1] == '\r') --len;
             while (len > kLineMax) {
                 line(p, kLineMax, definitions);
                 p += kLineMax;

