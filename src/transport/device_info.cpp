@@ -65,6 +65,8 @@ POLYBUS_API bool DEV_GetDeviceInfo(int dev, DEVICE_INFO* pInfo, char* pFunctionS
     const auto deadline = start + std::chrono::seconds(6);
     AnswerBuffer<sizeof(DEVICE_INFO)> info;
     for (;;) {
+        // Every attempt holds the exchange lock from its request to the end of the
+        // call; between attempts it is released so the reset and reconnect can run.
         lock(dev);
         Command request(0x0100);
         if (send_request(dev, request, 100) != 0) {
@@ -204,7 +206,8 @@ POLYBUS_API int ARG_Init(int dev) {
     AnswerBuffer<8> status;
     int rc = transact(dev, request, status);
     if (rc != 0) return rc;
-    if (status.length != 1) return -4;
+    // A status byte that was announced but never arrived is no answer either.
+    if (status.length != 1 || status.received != 1) return -4;
     return status.u8(0) == 0 ? 0 : -5;
 }
 
@@ -227,7 +230,7 @@ POLYBUS_API int ARG_Write(int dev, uint16_t Addr, unsigned char* pData, uint16_t
         AnswerBuffer<8> status;
         int rc = transact(dev, request, status, {1000, static_cast<int>(chunk * 20 / 64 + 1000)});
         if (rc != 0) return rc;
-        if (status.length != 1) return -4;
+        if (status.length != 1 || status.received != 1) return -4;
         if (status.u8(0) == 1) return -5;
         if (status.u8(0) != 0) return -6;
     }
@@ -245,7 +248,7 @@ POLYBUS_API int ARG_Read(int dev, uint16_t Addr, unsigned char* pData, uint16_t 
         Answer reply(buf.data(), 1 + chunk);
         int rc = transact(dev, request, reply, {1000, static_cast<int>(chunk * 10 / 64 + 1000)});
         if (rc != 0) return rc;
-        if (reply.length == 0) return -4;
+        if (reply.length == 0 || reply.received == 0) return -4;
         if (reply.u8(0) == 1) return -5;
         if (reply.u8(0) != 0) return -7;
         if (pData != nullptr && reply.received > 1) std::memcpy(pData + offset, buf.data() + 1, reply.received - 1);

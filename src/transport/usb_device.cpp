@@ -1,6 +1,7 @@
 // Discovery, handles, opening and reconnecting. All libusb work shares one context.
 #include "transport/usb_device.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -15,7 +16,8 @@ POLYBUS_API void* UsbDevList[POLYBUS_DEVHANDLE_SLOTS];
 
 namespace {
 libusb_context* ctx = nullptr;
-int usb_init_flag = 0;
+// Cleared by a reset (which runs under the device lock only), read by the next scan.
+std::atomic<int> usb_init_flag{0};
 libusb_device** scan_devices = nullptr;   // device array of the last scan
 libusb_device** retry_devices = nullptr;  // device array of the last reconnect search
 
@@ -39,10 +41,20 @@ void close_entry_handle(UsbDevNode* node) {
     }
 }
 
+// Closes an entry's handle under the device's exchange lock, so that an exchange
+// another thread is running on that handle completes before the handle goes away.
+void close_entry_handle_locked(UsbDevNode* node) {
+    if (node == nullptr || node->handle == nullptr) return;
+    const int dev = static_cast<int>(node->DevHandle);
+    lock(dev);
+    close_entry_handle(node);
+    unlock(dev);
+}
+
 // Drops everything the previous context owned, so that a re-initialisation after a
 // reset starts from an empty list without leaking handles, lists or the context.
 void teardown_context() {
-    for (int i = 0; UsbDevNode* n = usb_list_post_with_index(i); ++i) close_entry_handle(n);
+    for (int i = 0; UsbDevNode* n = usb_list_post_with_index(i); ++i) close_entry_handle_locked(n);
     usb_list_clear();
     if (scan_devices != nullptr) libusb_free_device_list(scan_devices, 1);
     if (retry_devices != nullptr) libusb_free_device_list(retry_devices, 1);
@@ -62,11 +74,7 @@ int check_device(libusb_device* dev, uint8_t* id_out, uint8_t* id_len_out, libus
     if (handle_out != nullptr) *handle_out = nullptr;
     if (id_len_out != nullptr) *id_len_out = 0;
     UsbDevNode* known = usb_list_post_with_dev(dev);
-    if (known != nullptr && known->handle != nullptr) {
-        lock(static_cast<int>(known->DevHandle));
-        close_entry_handle(known);
-        unlock(static_cast<int>(known->DevHandle));
-    }
+    close_entry_handle_locked(known);
     libusb_device_handle* h = nullptr;
     if (libusb_open(dev, &h) != 0 || h == nullptr) return 0;
     libusb_reset_device(h);
@@ -114,25 +122,28 @@ int retry_connect_dev(int handle) {
         }
     }
     if (match == nullptr) return 0;
-    // A handle left from before the device vanished is dead; do not leak it.
+    // A handle left from before the device vanished is dead; do not leak it. The swap
+    // runs under the exchange lock: other threads may still be using the old handle.
+    lock(handle);
     close_entry_handle(node);
-    if (libusb_open(match, &node->handle) != 0) {
-        node->handle = nullptr;
-        return 0;
+    libusb_device_handle* fresh = nullptr;
+    int ok = 0;
+    if (libusb_open(match, &fresh) == 0 && fresh != nullptr) {
+        // A failed claim keeps the handle open in the entry, as a reconnect always has.
+        node->handle = fresh;
+        ok = libusb_claim_interface(fresh, 0) == 0 ? 1 : 0;
     }
-    return libusb_claim_interface(node->handle, 0) == 0 ? 1 : 0;
+    unlock(handle);
+    return ok;
 }
 
 void del_dead_device() {
     std::vector<UsbDevNode*> entries;
     for (int i = 0; UsbDevNode* n = usb_list_post_with_index(i); ++i) entries.push_back(n);
     for (UsbDevNode* e : entries) {
-        if (retry_connect_dev(static_cast<int>(e->DevHandle))) {
-            close_entry_handle(e);
-        } else {
-            close_entry_handle(e);
-            usb_list_del(e);
-        }
+        const bool present = retry_connect_dev(static_cast<int>(e->DevHandle)) != 0;
+        close_entry_handle_locked(e);
+        if (!present) usb_list_del(e);
     }
 }
 
@@ -177,7 +188,7 @@ int scan_dev(int* pDevHandle) {
             ? (uint32_t{id[0]} | uint32_t{id[1]} << 8 | uint32_t{id[2]} << 16 | uint32_t{id[3]} << 24)
             : (uint32_t{bus} << 8 | address);
         if (UsbDevNode* node = usb_list_post(handle)) {
-            close_entry_handle(node);
+            close_entry_handle_locked(node);
             node->dev = dev;
             node->DevHandle = handle;
             node->bus = bus;

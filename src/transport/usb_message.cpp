@@ -103,17 +103,45 @@ int CANFD_MSG_Send(int DevHandle, int channel, USB_MSG* msg, int TimeOutMs) {
 }
 
 namespace {
-// Reads and discards `remaining` payload bytes in bounded pieces, stopping at the
-// first failed or short read (the adapter sent less than it announced).
-void drain(int DevHandle, size_t remaining, int TimeOutMs) {
-    constexpr size_t kPiece = 16384;
-    std::unique_ptr<uint8_t[]> scratch(new (std::nothrow) uint8_t[kPiece]);
-    if (!scratch) return;
-    while (remaining > 0) {
-        int piece = static_cast<int>(remaining < kPiece ? remaining : kPiece);
-        if (USBBulkReadData(DevHandle, 0x81, scratch.get(), piece, TimeOutMs) != piece) return;
-        remaining -= static_cast<size_t>(piece);
+// A bulk IN read that stops inside an answer must end on a packet boundary: a read
+// that is not a whole number of packets has no room for the full packet that comes
+// next, and the host controller reports an overflow and drops that packet. 512 bytes
+// are a whole number of packets at full (64) and at high speed (512).
+constexpr size_t kPacketMultiple = 512;
+constexpr size_t kDrainPiece = 16384;  // a multiple of kPacketMultiple
+
+// Reads an answer payload of `total` bytes, keeping the first `keep` of them at `dest`
+// and discarding the rest, so that the pipe stays in step whatever the adapter sent.
+// Returns the bytes stored; stops at the first failed or short read (the adapter sent
+// less than it announced).
+size_t read_payload(int DevHandle, uint8_t* dest, size_t keep, size_t total, int TimeOutMs) {
+    if (keep >= total) {
+        const int n = static_cast<int>(total);
+        return USBBulkReadData(DevHandle, 0x81, dest, n, TimeOutMs) == n ? total : 0;
     }
+    size_t done = keep - keep % kPacketMultiple;
+    if (done > 0) {
+        const int n = static_cast<int>(done);
+        if (USBBulkReadData(DevHandle, 0x81, dest, n, TimeOutMs) != n) return 0;
+    }
+    size_t stored = done;
+    const size_t scratch_size = total - done < kDrainPiece ? total - done : kDrainPiece;
+    std::unique_ptr<uint8_t[]> scratch(new (std::nothrow) uint8_t[scratch_size]);
+    if (!scratch) return stored;
+    while (done < total) {
+        const size_t piece = total - done < scratch_size ? total - done : scratch_size;
+        if (USBBulkReadData(DevHandle, 0x81, scratch.get(), static_cast<int>(piece), TimeOutMs) !=
+            static_cast<int>(piece))
+            break;
+        if (stored < keep) {
+            // Only the first piece can still hold wanted bytes (keep - done < 512).
+            const size_t n = keep - stored < piece ? keep - stored : piece;
+            std::memcpy(dest + stored, scratch.get(), n);
+            stored += n;
+        }
+        done += piece;
+    }
+    return stored;
 }
 
 int get_header(int DevHandle, USB_MSG* msg, int TimeOutMs) {
@@ -135,17 +163,8 @@ int MSG_GetBounded(int DevHandle, USB_MSG* msg, size_t capacity, size_t* receive
     const int32_t announced = static_cast<int32_t>(msg->Length);
     size_t got = 0;
     if (announced > 0) {
-        const size_t total = static_cast<size_t>(announced);
-        const size_t direct = msg->Data != nullptr ? (total < capacity ? total : capacity) : 0;
-        bool complete = true;
-        if (direct > 0) {
-            int r = USBBulkReadData(DevHandle, 0x81, msg->Data, static_cast<int>(direct), TimeOutMs);
-            // A short read still stored what came; libusb reports only a code, so what
-            // landed beyond a failed read is unknown and counted as nothing.
-            complete = r == static_cast<int>(direct);
-            got = complete ? direct : 0;
-        }
-        if (complete && total > direct) drain(DevHandle, total - direct, TimeOutMs);
+        const size_t keep = msg->Data != nullptr ? capacity : 0;
+        got = read_payload(DevHandle, msg->Data, keep, static_cast<size_t>(announced), TimeOutMs);
     }
     if (received != nullptr) *received = got;
     trace(DevHandle, POLYBUS_TRACE_GET, 0x81, msg->Command, msg->Length, msg->Data, static_cast<uint32_t>(got),
@@ -159,6 +178,8 @@ int MSG_Get(int DevHandle, USB_MSG* msg, int TimeOutMs) {
         // The caller promised room for whatever this command can answer.
         return MSG_GetBounded(DevHandle, msg, SIZE_MAX, nullptr, TimeOutMs);
     }
+    // No buffer: the payload is read and thrown away. Data stays null; there is no
+    // storage behind it for the caller to look at.
     return MSG_GetBounded(DevHandle, msg, 0, nullptr, TimeOutMs);
 }
 
