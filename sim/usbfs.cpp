@@ -369,11 +369,20 @@ void UsbHost::Impl::match_in(Device& d) {
         size_t remaining = head.size() - d.in_head_off;
         size_t cap = static_cast<size_t>(u->length);
         size_t n = std::min(remaining, cap);
+        // The device sends whole packets. A URB that is not a whole number of packets
+        // and cannot take the rest of the transfer babbles: the packet that does not
+        // fit is lost beyond what fits, and the URB ends with an overflow.
+        size_t consumed = n;
+        u->status = 0;
+        if (remaining > cap && cap % d.mps != 0) {
+            consumed = std::min(remaining, (cap / d.mps + 1) * d.mps);
+            u->status = -EOVERFLOW;
+        }
         u->in.assign(head.begin() + long(d.in_head_off), head.begin() + long(d.in_head_off + n));
         u->actual = int(n);
-        u->status = 0;
-        d.in_bytes -= long(n);
-        if (remaining <= cap) {
+        d.in_bytes -= long(consumed);
+        n = consumed;
+        if (remaining <= n) {
             d.in_q.pop_front();
             d.in_head_off = 0;
         } else {

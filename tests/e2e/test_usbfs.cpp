@@ -354,10 +354,10 @@ TEST_F(UsbfsTest, InDataSplitsAcrossHeaderAndPayloadReads) {
     libusb_device_handle* h = open(e->port);
     ASSERT_NE(h, nullptr);
 
-    for (bool combined : {false, true}) {
-        SCOPED_TRACE(combined ? "header+payload as one transfer" : "header, payload");
-        e->combined = combined;
-        Bytes msg = pattern(700, combined ? 5 : 6);
+    {
+        SCOPED_TRACE("header, payload");
+        e->combined = false;
+        Bytes msg = pattern(700, 6);
         ASSERT_EQ(send(h, msg), 700);
         Bytes header = recv(h, 8);
         ASSERT_EQ(header.size(), 8u);
@@ -368,6 +368,26 @@ TEST_F(UsbfsTest, InDataSplitsAcrossHeaderAndPayloadReads) {
         Bytes p1 = recv(h, 512), p2 = recv(h, 512);
         p1.insert(p1.end(), p2.begin(), p2.end());
         EXPECT_EQ(p1, msg);
+        EXPECT_EQ(UsbHost::instance().queued_in_bytes(e->port), 0);
+    }
+    {
+        SCOPED_TRACE("header+payload as one transfer");
+        e->combined = true;
+        Bytes msg = pattern(700, 5);
+        // Whole-packet reads split a long transfer cleanly.
+        ASSERT_EQ(send(h, msg), 700);
+        Bytes p1 = recv(h, 512), p2 = recv(h, 512);
+        ASSERT_EQ(p1.size(), 512u);
+        EXPECT_EQ(p1[0], 'E');
+        p1.insert(p1.end(), p2.begin(), p2.end());
+        EXPECT_EQ(Bytes(p1.begin() + 8, p1.end()), msg);
+        // A read that is not a whole number of packets has no room for the first
+        // 512-byte packet: it overflows and that packet is lost, as on a real bus.
+        ASSERT_EQ(send(h, msg), 700);
+        int err = 0;
+        EXPECT_TRUE(recv(h, 8, &err).empty());
+        EXPECT_EQ(err, LIBUSB_ERROR_OVERFLOW);
+        EXPECT_EQ(recv(h, 512), Bytes(msg.begin() + 504, msg.end()));
         EXPECT_EQ(UsbHost::instance().queued_in_bytes(e->port), 0);
     }
 
