@@ -1,6 +1,7 @@
 // Device information, user data, schedule storage and the keyed configuration area.
 #include "transport/device_info.h"
 
+#include <bitset>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -270,8 +271,19 @@ struct ArgHeader {
 };
 
 constexpr uint16_t kFirstHeader = 16;
-// A chain in a 64 KiB area cannot hold more records than this; more hops mean a loop.
-constexpr int kMaxHops = 65536 / 12;
+// Headers already visited on one walk along the chain: a chain that comes back to an
+// address loops, and following it would never end.
+class ChainWalk {
+public:
+    bool enter(uint16_t addr) {
+        if (seen_.test(addr)) return false;
+        seen_.set(addr);
+        return true;
+    }
+
+private:
+    std::bitset<65536> seen_;
+};
 
 int read_header(int dev, uint16_t addr, ArgHeader& h) {
     uint8_t raw[12] = {0};
@@ -321,7 +333,8 @@ extern "C" {
 POLYBUS_API int ARG_ReadArgData(int dev, unsigned int ArgId, unsigned char* pData) {
     ArgHeader h;
     uint16_t addr = kFirstHeader;
-    for (int hops = 0; hops < kMaxHops; ++hops) {
+    ChainWalk walk;
+    while (walk.enter(addr)) {
         int rc = read_header(dev, addr, h);
         if (rc != 0) return rc;
         if (h.id == ArgId) {
@@ -342,9 +355,11 @@ POLYBUS_API int ARG_ReadArgData(int dev, unsigned int ArgId, unsigned char* pDat
 POLYBUS_API int ARG_WriteArgData(int dev, unsigned int ArgId, unsigned char* pData, unsigned int Len) {
     ArgHeader h;
     uint16_t addr = kFirstHeader;
+    ChainWalk walk;
+    walk.enter(addr);
     pause_before_access();
     int rc = read_header(dev, addr, h);
-    for (int hops = 0; rc == 0 && hops < kMaxHops; ++hops) {
+    while (rc == 0) {
         if (h.id == ArgId) {
             // Rewritten in place, even when the new data outgrows the record's slot.
             h.length = Len;
@@ -367,24 +382,24 @@ POLYBUS_API int ARG_WriteArgData(int dev, unsigned int ArgId, unsigned char* pDa
             return write_record(dev, fresh, ArgId, pData, Len, 0xFFFF);
         }
         addr = h.next;
+        if (!walk.enter(addr)) return -10;
         pause_before_access();
         rc = read_header(dev, addr, h);
     }
-    return rc != 0 ? rc : -10;
+    return rc;
 }
 
 POLYBUS_API int ARG_EraseArgData(int dev, int ArgId) {
     ArgHeader h;
     uint16_t addr = kFirstHeader;
-    for (int hops = 0; hops < kMaxHops; ++hops) {
-        pause_before_access();
+    ChainWalk walk;
+    while (walk.enter(addr)) {
         int rc = read_header(dev, addr, h);
         if (rc != 0) return rc;
         if (h.id == static_cast<uint32_t>(ArgId)) {
             h.length = 0;
             h.crc = 0xFFFF;
             h.next = 0xFFFF;
-            pause_before_access();
             return write_header(dev, addr, h);
         }
         if (!h.marked()) return -10;

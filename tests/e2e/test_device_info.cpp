@@ -128,9 +128,9 @@ TEST_F(DeviceInfo, ScheduleDataMovesInChunksThatAllCarryTheCallersAddress) {
     EXPECT_EQ(trace->gets().back().timeout_ms, 10000);
     EXPECT_EQ(storage().schedule_bytes(), 0u);
 
-    // A failed chunk stops the transfer.
+    // A chunk answered with a payload stops the transfer.
     trace->clear();
-    adapter->inject(Fault::NoAnswer, 0x010A);
+    adapter->inject(Fault::Oversized, 0x010A);
     EXPECT_FALSE(DEV_WriteSchData(handle, 0, data.data(), 25000));
     EXPECT_EQ(trace->sends().size(), 1u);
 }
@@ -169,8 +169,10 @@ TEST_F(DeviceInfo, RawConfigurationAreaTransfers) {
     EXPECT_EQ(ARG_Read(handle, 16, back, 12), -7);
     adapter->inject(Fault::EmptyPayload, 0x5002);
     EXPECT_EQ(ARG_Read(handle, 16, back, 12), -4);
-    adapter->inject(Fault::NoAnswer, 0x5000);
+    // A status byte that is announced but never comes is no status.
+    adapter->inject(Fault::ShortPayload, 0x5000);
     EXPECT_EQ(ARG_Init(handle), -4);
+    EXPECT_EQ(ARG_Init(handle), 0);
 }
 
 TEST_F(DeviceInfo, KeyedRecordsChainAndErase) {
@@ -245,8 +247,12 @@ TEST_F(DeviceInfo, BrokenChainsAreReportedNotFollowedForever) {
     header(16, 0x55AA0001, 0, 0, 200);
     storage().set_config_area(area);
     EXPECT_EQ(ARG_EraseArgData(handle, 0x55AA0002), -10);
-    // A chain that points back at itself is not walked forever.
-    header(16, 0x55AA0001, 0, 0, 16);
+    // A chain that comes back on itself is not walked forever.
+    header(16, 0x55AA0001, 0, 0, 60);
+    header(60, 0x55AA0002, 0, 0, 16);
     storage().set_config_area(area);
-    EXPECT_EQ(ARG_ReadArgData(handle, 0x55AA0002, out), -8);
+    EXPECT_EQ(ARG_ReadArgData(handle, 0x55AA0003, out), -8);
+    EXPECT_EQ(ARG_WriteArgData(handle, 0x55AA0003, data, 4), -10);
+    EXPECT_EQ(ARG_EraseArgData(handle, 0x55AA0003), -10);
+    EXPECT_EQ(storage().config_area(), area) << "nothing is written into a looping chain";
 }
