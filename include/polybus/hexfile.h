@@ -59,8 +59,8 @@ POLYBUS_STATIC_ASSERT(sizeof(HEX_DATA_BLOCK) == 8 + sizeof(void*),
 POLYBUS_BEGIN_DECLS
 
 /* Reads the whole file into buf (whose size is not checked; no NUL is appended) and
- * returns its size in bytes; -1 when the file cannot be opened or read, or is larger
- * than INT_MAX bytes. */
+ * returns its size in bytes; -1 when path or buf is NULL, or when the file cannot be
+ * opened or read, or is larger than INT_MAX bytes. */
 POLYBUS_API int hexfile_load_file(const char* path, void* buf);
 
 /* Copies the line at *cursor (up to the first NUL, LF or CR) into line, NUL-terminated,
@@ -88,16 +88,16 @@ POLYBUS_API int hexfile_convert_s19(uint8_t* fileData, int fileLen, HEX_DATA_BLO
 POLYBUS_API int hexfile_convert_ihx(uint8_t* fileData, int fileLen, HEX_DATA_BLOCK* blocks,
                                     int maxBlocks, char AddrUnit);
 
-/* Text format: lines beginning with '#' are comments; lines holding only spaces and
- * tabs are skipped; every other line holds an address token and a value token
- * separated by spaces or tabs (anything after the second token is ignored). Address:
- * "0x" or "0X" followed by hex digits, or decimal digits, taken modulo 2^32 (its low
- * 32 bits, also beyond 64 bits). Value: "0x" (lower-case x only)
+/* Text format: lines beginning with '#' are comments; lines holding only white space
+ * (space, tab, vertical tab, form feed) are skipped; every other line holds an address
+ * token and a value token separated by white space (anything after the second token is
+ * ignored). Address: "0x" or "0X" followed by hex digits, or decimal digits, taken
+ * modulo 2^32 (its low 32 bits, also beyond 64 bits). Value: "0x" (lower-case x only)
  * followed by hex digits, or decimal digits without sign, taken modulo 2^32 (where
- * "%x"/"%d" would leave larger values undefined). ValueBytes is the value width and the address unit: 4, 2 or 1
- * bytes are appended most significant first; for any other width (except 0, which
- * returns 0) the block is opened or kept but no byte is stored. Returns the block
- * count, 0 on a bad token, a missing value or too many blocks. */
+ * "%x"/"%d" would leave larger values undefined). ValueBytes is the value width and the
+ * address unit: 4, 2 or 1 bytes are appended most significant first; for any other
+ * width (except 0, which returns 0) the block is opened or kept but no byte is stored.
+ * Returns the block count, 0 on a bad token, a missing value or too many blocks. */
 POLYBUS_API int hexfile_convert_txt(uint8_t* fileData, int fileLen, HEX_DATA_BLOCK* blocks,
                                     uint32_t maxBlocks, uint32_t ValueBytes);
 
@@ -108,8 +108,9 @@ POLYBUS_API int hexfile_free_data(HEX_DATA_BLOCK* blocks, int count);
 /* Sorts blocks[0..count) by StartAddr (bubble sort, stable, in the caller's array) and
  * writes their data to image, filling each gap of g address units with g * AddrUnit
  * copies of FillByte; overlapping or touching blocks are concatenated. The image size
- * is not checked. Returns the number of bytes written (0 when AddrUnit <= 0; a count
- * beyond INT_MAX, for an image above 2 GiB, is not representable and wraps). */
+ * is not checked. Returns the number of bytes written (0, without sorting, when image
+ * or blocks is NULL or AddrUnit <= 0; a count beyond INT_MAX, for an image above
+ * 2 GiB, is not representable and wraps). */
 POLYBUS_API int hexfile_convert_image(uint8_t* image, HEX_DATA_BLOCK* blocks, int count,
                                       char AddrUnit, uint8_t FillByte);
 

@@ -183,7 +183,7 @@ constexpr size_t kFillPiece = 1024;
 extern "C" {
 
 POLYBUS_API int hexfile_load_file(const char* path, void* buf) {
-    if (path == nullptr) return -1;
+    if (path == nullptr || buf == nullptr) return -1;
     FILE* f = std::fopen(path, "rb");
     if (f == nullptr) return -1;
     auto* out = static_cast<unsigned char*>(buf);
@@ -418,7 +418,7 @@ POLYBUS_API int hexfile_free_data(HEX_DATA_BLOCK* blocks, int count) {
 POLYBUS_API int hexfile_convert_image(uint8_t* image, HEX_DATA_BLOCK* blocks, int count,
                                       char AddrUnit, uint8_t FillByte) {
     const uint32_t unit = address_unit(AddrUnit);
-    if (unit == 0 || blocks == nullptr || count <= 0) return 0;
+    if (unit == 0 || image == nullptr || blocks == nullptr || count <= 0) return 0;
     sort_blocks(blocks, count);
     size_t pos = 0;
     for (int i = 0; i < count; ++i) {

@@ -161,10 +161,15 @@ TEST(HexfileLoadFile, ReadsWholeFileWithoutTerminator) {
     std::remove(path.c_str());
 }
 
-TEST(HexfileLoadFile, MissingFileAndDirectoryGiveMinusOne) {
+TEST(HexfileLoadFile, MissingFileDirectoryAndNullArgumentsGiveMinusOne) {
     char buf[16];
     EXPECT_EQ(hexfile_load_file("/nonexistent/polybus/x.hex", buf), -1);
     EXPECT_EQ(hexfile_load_file("/", buf), -1);
+    EXPECT_EQ(hexfile_load_file(nullptr, buf), -1);
+    const std::string path = tmp_path("nullbuf.bin");
+    { std::ofstream(path, std::ios::binary) << "S1"; }
+    EXPECT_EQ(hexfile_load_file(path.c_str(), nullptr), -1);
+    std::remove(path.c_str());
 }
 
 TEST(HexfileLoadFile, EmptyFile) {
@@ -657,6 +662,13 @@ TEST(HexfileImage, NothingToDo) {
     EXPECT_EQ(image[0], 0xEE);
     EXPECT_EQ(hexfile_convert_image(image, b, 1, 1, 0), 1);
     EXPECT_EQ(hexfile_free_data(b, 1), 0);
+
+    HEX_DATA_BLOCK two[2];  // no image buffer: nothing written, the blocks keep their order
+    set_block(two[0], 8, {1});
+    set_block(two[1], 0, {2});
+    EXPECT_EQ(hexfile_convert_image(nullptr, two, 2, 1, 0), 0);
+    EXPECT_EQ(two[0].StartAddr, 8u);
+    hexfile_free_data(two, 2);
 }
 
 TEST(HexfileSaveImage, GapRule) {
