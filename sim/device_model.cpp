@@ -49,7 +49,7 @@ DeviceModel::DeviceModel(Adapter& a)
         adapter_.answer(f.command, std::vector<uint8_t>(s.begin(), s.end()));
     });
     a.on(0x0107, [this](const Frame& f) {
-        const uint32_t off = f.be32(0);
+        const uint64_t off = f.be32(0);  // 64-bit: offsets near 4 GiB must not wrap into the area
         {
             std::lock_guard<std::mutex> g(mutex_);
             for (size_t i = 4; i < f.payload.size() && off + i - 4 < user_.size(); ++i) user_[off + i - 4] = f.payload[i];
@@ -57,11 +57,11 @@ DeviceModel::DeviceModel(Adapter& a)
         adapter_.answer(f.command);
     });
     a.on(0x0108, [this](const Frame& f) {
-        const uint32_t off = f.be32(0), len = f.be32(4);
+        const uint64_t off = f.be32(0), len = f.be32(4);
         std::vector<uint8_t> out;
         {
             std::lock_guard<std::mutex> g(mutex_);
-            for (uint32_t i = 0; i < len && off + i < user_.size(); ++i) out.push_back(user_[off + i]);
+            for (uint64_t i = 0; i < len && off + i < user_.size(); ++i) out.push_back(user_[off + i]);
         }
         adapter_.answer(f.command, out);
     });

@@ -52,6 +52,19 @@ uint16_t crc16_ccitt(const uint8_t* data, int len) {
     return crc;
 }
 
+void format_build_time(const char* date, const char* time, char* out) {
+    static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    char month_text[4] = {0};
+    int day = 0, year = 0;
+    if (std::sscanf(date, "%3s %d %d", month_text, &day, &year) != 3) std::strcpy(month_text, "Jan");
+    int month = 0;
+    for (int i = 0; i < 12; ++i)
+        if (std::strcmp(month_text, months[i]) == 0) month = i + 1;
+    // The year has always been printed as years since 1900 (2022 gives 0122).
+    std::snprintf(out, kBuildTimeSize, "%04d-%02d-%02d %s", year - 1900, month, day, time);
+}
+
 void delay_us(unsigned us) { usleep(us); }
 void delay_ms(unsigned ms) { usleep(ms * 1000u); }
 void sleep_ms(unsigned ms) { usleep(ms * 1000u); }
@@ -186,17 +199,7 @@ POLYBUS_API bool DEV_EraseSchData(int dev, int Arg) {
 
 POLYBUS_API bool DEV_GetDllBuildTime(char* pBuildTime) {
     if (pBuildTime == nullptr) return true;
-    static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                         "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    char month_text[4] = {0};
-    int day = 0, year = 0;
-    if (std::sscanf(__DATE__, "%3s %d %d", month_text, &day, &year) != 3) std::strcpy(month_text, "Jan");
-    int month = 0;
-    for (int i = 0; i < 12; ++i)
-        if (std::strcmp(month_text, months[i]) == 0) month = i + 1;
-    char text[64];
-    std::snprintf(text, sizeof(text), "%04d-%02d-%02d %s", year - 1900, month, day, __TIME__);
-    std::memcpy(pBuildTime, text, std::strlen(text) + 1);
+    format_build_time(__DATE__, __TIME__, pBuildTime);
     return true;
 }
 

@@ -4,6 +4,11 @@
 #include <cstdint>
 
 uint16_t crc16_ccitt(const uint8_t* data, int len);
+
+// DEV_GetDllBuildTime's text from a compiler date ("Oct 14 2022") and time
+// ("12:25:51"); writes at most kBuildTimeSize bytes, terminator included.
+constexpr int kBuildTimeSize = 32;
+void format_build_time(const char* date, const char* time, char* out);
 void delay_us(unsigned us);
 void delay_ms(unsigned ms);
 void sleep_ms(unsigned ms);

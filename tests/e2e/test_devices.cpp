@@ -228,6 +228,33 @@ TEST_F(Transport, FramesReachTheAdapterWithZeroLengthPacketsOnlyWhenNeeded) {
     EXPECT_EQ(frames[1].payload.size(), 500u);
 }
 
+namespace {
+class FullSpeedTransport : public SimTest {
+protected:
+    AdapterConfig adapter_config() override {
+        AdapterConfig c;
+        c.high_speed = false;
+        return c;
+    }
+};
+}  // namespace
+
+TEST_F(FullSpeedTransport, ZeroLengthPacketsFollowFramesOf64Bytes) {
+    const int before = adapter->zero_length_packets();
+    std::vector<unsigned char> data(120, 0x22);
+    // Offset and 52 bytes: a 56-byte payload, a 64-byte frame.
+    ASSERT_TRUE(DEV_WriteUserData(handle, 0, data.data(), 52));
+    EXPECT_EQ(adapter->zero_length_packets(), before + 1);
+    // 8 + 4 + 116 = 128: two full packets.
+    ASSERT_TRUE(DEV_WriteUserData(handle, 0, data.data(), 116));
+    EXPECT_EQ(adapter->zero_length_packets(), before + 2);
+    // An empty request (8 bytes) and 8 + 4 + 53 = 65 bytes both end in a short packet.
+    ASSERT_TRUE(DEV_EraseUserData(handle));
+    ASSERT_TRUE(DEV_WriteUserData(handle, 0, data.data(), 53));
+    EXPECT_EQ(adapter->zero_length_packets(), before + 2);
+    EXPECT_EQ(adapter->received().size(), 4u);
+}
+
 TEST_F(Transport, GetWithoutBufferDrainsAndOddLengthsReadNothing) {
     lock(handle);
     // A 20-byte payload read with no buffer is consumed and discarded.

@@ -57,8 +57,11 @@ TEST_F(Gpio, PulseTrainsWaitForTheWholeTrain) {
     EXPECT_EQ(sends[0].data, (std::vector<uint8_t>{0, 0, 0, 1, 0, 0, 0, 100, 0, 0, 0, 101, 0, 0, 0, 10}));
     EXPECT_EQ(gets[0].timeout_ms, 1001);
     EXPECT_EQ(gets[1].timeout_ms, 61000);
+    // The wait is computed in 32 bits: 0x10000000 us x 0x100 pulses wraps to 0 ms, + 1000.
+    EXPECT_EQ(GPIO_SendPulses(handle, 0x4, 1, 0x10000000, 0x100), 0);
+    EXPECT_EQ(trace->gets().back().timeout_ms, 1000);
     auto trains = pins().pulse_trains();
-    ASSERT_EQ(trains.size(), 2u);
+    ASSERT_EQ(trains.size(), 3u);
     EXPECT_EQ(trains[0].period_us, 101u);
 
     // A real train: the call returns only after the adapter has finished it.

@@ -184,4 +184,11 @@ TEST(BuildTime, YearIsCountedFrom1900) {
     EXPECT_TRUE(month >= 1 && month <= 12) << text;
     EXPECT_TRUE(day >= 1 && day <= 31) << text;
     EXPECT_TRUE(DEV_GetDllBuildTime(nullptr));
+
+    format_build_time("Oct 14 2022", "12:25:51", text);
+    EXPECT_STREQ(text, "0122-10-14 12:25:51");
+    format_build_time("Jan  2 2026", "00:00:00", text);
+    EXPECT_STREQ(text, "0126-01-02 00:00:00") << "the compiler pads single-digit days with a space";
+    format_build_time("Foo 14 2022", "12:25:51", text);
+    EXPECT_STREQ(text, "0122-00-14 12:25:51") << "an unknown month is 0";
 }
