@@ -210,7 +210,9 @@ public:
         return uint8_t((tec >= 96 || rec >= 96 ? 1 : 0) | (tec >= 128 || rec >= 128 ? 2 : 0));
     }
 
+    // A controller that is off never tries to transmit, so it counts no errors either.
     void count_transmission(bool acknowledged) {
+        if (!initialised) return;
         if (acknowledged) {
             ++sent;
             if (tec > 0) --tec;
@@ -236,13 +238,24 @@ void CanPeer::set_bus(const std::shared_ptr<CanBus>& bus) {
     bus_ = bus;
 }
 
-void CanPeer::send(const BusFrame& frame) {
+void CanPeer::send(const BusFrame& frame) { send_at(frame, bus_now_ns()); }
+
+void CanPeer::send_at(const BusFrame& frame, int64_t due_ns) {
     std::shared_ptr<CanBus> bus;
     {
         std::lock_guard<std::mutex> g(mutex_);
         bus = bus_.lock();
     }
-    if (bus) bus->transmit(this, frame, bus_now_ns());
+    if (bus) bus->transmit(this, frame, due_ns);
+}
+
+// The timer that runs `due_ns` may fire late on a busy host.
+void CanPeer::send_later(const BusFrame& frame, int64_t due_ns) {
+    std::weak_ptr<CanPeer> self = weak_from_this();
+    const int64_t wait_us = std::max<int64_t>(0, (due_ns - bus_now_ns()) / 1000);
+    timer_.after(std::chrono::microseconds(wait_us), [self, frame, due_ns] {
+        if (auto p = self.lock()) p->send_at(frame, due_ns);
+    });
 }
 
 void CanPeer::transmit_every(const BusFrame& frame, int64_t period_us, int count) {
@@ -251,18 +264,22 @@ void CanPeer::transmit_every(const BusFrame& frame, int64_t period_us, int count
         std::lock_guard<std::mutex> g(mutex_);
         generation = generation_;
     }
-    periodic(frame, period_us, count, generation);
+    periodic(frame, period_us, count, generation, bus_now_ns());
 }
 
-void CanPeer::periodic(BusFrame frame, int64_t period_us, int remaining, uint32_t generation) {
+// A peer keeps time by its own clock: each frame goes on the bus at its due time even
+// when the host's timer thread runs it late, so the period seen on the bus is exact.
+void CanPeer::periodic(BusFrame frame, int64_t period_us, int remaining, uint32_t generation, int64_t due_ns) {
     {
         std::lock_guard<std::mutex> g(mutex_);
         if (generation != generation_ || remaining == 0) return;
     }
-    send(frame);
+    send_at(frame, due_ns);
+    const int64_t next_ns = due_ns + period_us * 1000;
     std::weak_ptr<CanPeer> self = weak_from_this();
-    timer_.after(std::chrono::microseconds(period_us), [self, frame, period_us, remaining, generation] {
-        if (auto p = self.lock()) p->periodic(frame, period_us, remaining < 0 ? -1 : remaining - 1, generation);
+    const int64_t wait_us = std::max<int64_t>(0, (next_ns - bus_now_ns()) / 1000);
+    timer_.after(std::chrono::microseconds(wait_us), [self, frame, period_us, remaining, generation, next_ns] {
+        if (auto p = self.lock()) p->periodic(frame, period_us, remaining < 0 ? -1 : remaining - 1, generation, next_ns);
     });
 }
 
@@ -290,15 +307,8 @@ size_t CanPeer::received_count() {
 void CanPeer::receive(const BusFrame& frame, int64_t end_ns) {
     std::lock_guard<std::mutex> g(mutex_);
     received_.push_back(frame);
-    const int64_t until_end_us = std::max<int64_t>(0, (end_ns - bus_now_ns()) / 1000);
-    std::weak_ptr<CanPeer> self = weak_from_this();
-    for (auto& r : replies_) {
-        if (r.id != frame.id) continue;
-        BusFrame reply = r.frame;
-        timer_.after(std::chrono::microseconds(until_end_us + r.delay_us), [self, reply] {
-            if (auto p = self.lock()) p->send(reply);
-        });
-    }
+    for (auto& r : replies_)
+        if (r.id == frame.id) send_later(r.frame, end_ns + r.delay_us * 1000);
 }
 
 // ---- The model --------------------------------------------------------------------
@@ -570,11 +580,14 @@ int CanModel::start_schedule(int index, uint8_t table, uint8_t passes) {
         c.schedule_running = true;
         generation = ++c.schedule_generation;
     }
-    adapter_.after(std::chrono::microseconds(0), [this, index, generation] { schedule_step(index, generation); });
+    const int64_t due_ns = bus_now_ns();
+    adapter_.after(std::chrono::microseconds(0), [this, index, generation, due_ns] { schedule_step(index, generation, due_ns); });
     return 0;
 }
 
-void CanModel::schedule_step(int index, uint32_t generation) {
+// The adapter plays a schedule by its own clock: a frame goes on the bus when it is due,
+// even if the simulation's timer thread gets to it late.
+void CanModel::schedule_step(int index, uint32_t generation, int64_t due_ns) {
     Tables::Entry entry;
     std::shared_ptr<CanBus> bus;
     {
@@ -588,8 +601,7 @@ void CanModel::schedule_step(int index, uint32_t generation) {
         }
         bus = buses_[index];
     }
-    const int64_t now = bus_now_ns();
-    const CanBus::Result r = bus->transmit(channels_[index].get(), entry.frame, now);
+    const CanBus::Result r = bus->transmit(channels_[index].get(), entry.frame, due_ns);
     bool again;
     {
         std::lock_guard<std::mutex> g(mutex_);
@@ -599,8 +611,10 @@ void CanModel::schedule_step(int index, uint32_t generation) {
         again = c.schedule_generation == generation && c.schedule_running;
     }
     if (!again) return;
-    const int64_t wait_us = std::max<int64_t>(0, (r.end_ns - now) / 1000) + int64_t(entry.pause_ms) * 1000;
-    adapter_.after(std::chrono::microseconds(wait_us), [this, index, generation] { schedule_step(index, generation); });
+    const int64_t next_ns = r.end_ns + int64_t(entry.pause_ms) * 1000000;
+    const int64_t wait_us = std::max<int64_t>(0, (next_ns - bus_now_ns()) / 1000);
+    adapter_.after(std::chrono::microseconds(wait_us),
+                   [this, index, generation, next_ns] { schedule_step(index, generation, next_ns); });
 }
 
 std::shared_ptr<CanModel::Tables> CanModel::stored_schedule(int index) {

@@ -59,7 +59,10 @@ public:
     void receive(const BusFrame& frame, int64_t end_ns) override;
 
 private:
-    void periodic(BusFrame frame, int64_t period_us, int remaining, uint32_t generation);
+    void periodic(BusFrame frame, int64_t period_us, int remaining, uint32_t generation, int64_t due_ns);
+    // Puts `frame` on the bus at `due_ns` (or as soon after as the bus is free).
+    void send_at(const BusFrame& frame, int64_t due_ns);
+    void send_later(const BusFrame& frame, int64_t due_ns);
 
     Adapter& timer_;
     const uint32_t nominal_, data_;
@@ -138,7 +141,7 @@ private:
     void on_upload(const Frame& f, size_t record);
     void on_stop(const Frame& f);
     int start_schedule(int ch, uint8_t table, uint8_t passes);
-    void schedule_step(int ch, uint32_t generation);
+    void schedule_step(int ch, uint32_t generation, int64_t due_ns);
     std::shared_ptr<Tables> stored_schedule(int ch);
     uint64_t stamp_units(uint64_t adapter_us) const { return adapter_us / (fd_ ? 10u : 100u); }
     uint64_t adapter_us(int64_t bus_ns) const;

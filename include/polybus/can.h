@@ -9,7 +9,9 @@
  * records are converted and the matching CANFD_ call (canfd.h) does the work. On
  * those adapters classic frames travel as CAN FD frames without bit-rate switching;
  * the remote bit of a CAN_MSG is not carried over, and time stamps are converted
- * between the two units (100 us here, 10 us there).
+ * between the two units (100 us here, 10 us there). A CAN FD frame longer than 8 bytes
+ * received through a CAN_ call keeps its length in DataLen but only its first 8 data
+ * bytes (a CAN_MSG has room for no more).
  *
  * Channel numbers: the classic adapters have channels 0 and 1. The host-side receive
  * buffers, reader flags and locks of a channel number above 1 are those of
@@ -104,9 +106,9 @@ typedef struct CAN_RELAY_HEADER {
 typedef struct CAN_SCH_THREAD_PARAM {
     uint32_t DevHandle;
     uint8_t CANIndex;
-    uint8_t RunFlag;      /* non-zero: keep sending */
     int32_t MsgNum;       /* frames at pMsg */
     uint32_t SendTimes;   /* passes over all frames; 0 ends at once */
+    uint8_t RunFlag;      /* non-zero: keep sending */
     CAN_MSG* pMsg;        /* TimeStamp of each frame: pause in ms after it */
 } CAN_SCH_THREAD_PARAM;
 
@@ -126,6 +128,9 @@ POLYBUS_STATIC_ASSERT(offsetof(CAN_STATUS, LECode) == 10, "CAN_STATUS layout");
 POLYBUS_STATIC_ASSERT(sizeof(CAN_BRT_ENTRY) == 12, "CAN_BRT_ENTRY is 12 bytes");
 POLYBUS_STATIC_ASSERT(offsetof(CAN_BRT_ENTRY, BRP) == 4, "CAN_BRT_ENTRY layout");
 POLYBUS_STATIC_ASSERT(offsetof(CAN_BRT_ENTRY, BaudRate) == 8, "CAN_BRT_ENTRY layout");
+POLYBUS_STATIC_ASSERT(offsetof(CAN_SCH_THREAD_PARAM, MsgNum) == 8, "CAN_SCH_THREAD_PARAM layout");
+POLYBUS_STATIC_ASSERT(offsetof(CAN_SCH_THREAD_PARAM, SendTimes) == 12, "CAN_SCH_THREAD_PARAM layout");
+POLYBUS_STATIC_ASSERT(offsetof(CAN_SCH_THREAD_PARAM, RunFlag) == 16, "CAN_SCH_THREAD_PARAM layout");
 POLYBUS_STATIC_ASSERT(sizeof(CAN_RELAY_HEADER) == 48, "CAN_RELAY_HEADER is 48 bytes");
 POLYBUS_STATIC_ASSERT(offsetof(CAN_RELAY_HEADER, EntryCount) == 44, "CAN_RELAY_HEADER layout");
 
@@ -185,7 +190,8 @@ POLYBUS_API int CAN_ReadMsgToBuffer(int DevHandle, unsigned char CANIndex);
  * equal stamps keep their order. Does nothing for NULL, low < 0 or low >= high. */
 POLYBUS_API void CAN_QuickSort(CAN_MSG* pCanMsg, int low, int high, int Reserved);
 /* Body of the reader thread (argument: pointer to the adapter's handle). It polls every
- * 10 ms each channel whose reception is on, until none is. CAN_StartGetMsg runs it. */
+ * 10 ms each channel whose reception is on, until none is. CAN_StartGetMsg runs it. With
+ * a CAN FD handle it is CANFD_ReadMsgThread. */
 POLYBUS_API void* CAN_ReadMsgThread(void* pDevHandle);
 /* Starts background reception of a channel (one reader thread per adapter serves both
  * channels). A fetch that fails (for instance after an unplug) turns the channel's
@@ -196,7 +202,8 @@ POLYBUS_API int CAN_StartGetMsg(int DevHandle, unsigned char CANIndex);
 POLYBUS_API int CAN_StopGetMsg(int DevHandle, unsigned char CANIndex);
 /* Moves every buffered frame of the channel out, oldest first; without background
  * reception it first fetches once from the adapter. pCanGetMsg needs room for
- * CAN_BUFFER_FRAMES frames. Returns the number of frames. */
+ * CAN_BUFFER_FRAMES frames. Returns the number of frames. On a CAN FD adapter at most
+ * CAN_READ_MAX_FRAMES frames move per call, and a failed fetch returns its status. */
 POLYBUS_API int CAN_GetMsg(int DevHandle, unsigned char CANIndex, CAN_MSG* pCanGetMsg);
 /* As CAN_GetMsg, moving at most BufferSize frames; a failed fetch returns its status. */
 POLYBUS_API int CAN_GetMsgWithSize(int DevHandle, unsigned char CANIndex, CAN_MSG* pCanGetMsg, int BufferSize);

@@ -66,6 +66,27 @@ constexpr size_t kUserDataWriteLimit = 20480;
 
 int fetch_classic(int dev, unsigned char channel) { return CAN_ReadMsgToBuffer(dev, channel); }
 
+// CAN FD frames for a call handed on to the CAN FD family; null when the memory cannot
+// be had, which the caller reports as -4 instead of letting an exception out.
+std::unique_ptr<CANFD_MSG[]> fd_frames(size_t n) {
+    return std::unique_ptr<CANFD_MSG[]>(new (std::nothrow) CANFD_MSG[n != 0 ? n : 1]);
+}
+
+// A caller's capacity for frames taken out of a receive buffer: more than a buffer can
+// hold is never needed.
+int buffer_capacity(int size) { return size < int{CAN_BUFFER_FRAMES} ? size : int{CAN_BUFFER_FRAMES}; }
+
+// Buffered CAN FD frames moved out through the CAN FD call `take` and converted.
+int take_fd(int dev, unsigned char ch, CAN_MSG* out, int size,
+            int (*take)(int, unsigned char, CANFD_MSG*, int)) {
+    const int limit = buffer_capacity(size);
+    auto frames = fd_frames(limit > 0 ? static_cast<size_t>(limit) : 0);
+    if (!frames) return -4;
+    const int n = take(dev, ch, frames.get(), limit);
+    if (n > 0 && out != nullptr) canfd_to_can(frames.get(), out, static_cast<size_t>(n));
+    return n;
+}
+
 CAN_MSG* read_scratch() {
     thread_local std::unique_ptr<CAN_MSG[]> scratch(new CAN_MSG[CAN_READ_MAX_FRAMES]);
     return scratch.get();
@@ -245,10 +266,11 @@ POLYBUS_API int CAN_SendMsg(int dev, unsigned char ch, CAN_MSG* msgs, unsigned i
     if (count == 0) return 0;
     if (msgs == nullptr) return -4;
     if (is_canfd_handle(dev)) {
-        std::vector<CANFD_MSG> frames(count);
-        can_to_canfd(msgs, frames.data(), count);
-        const int sent = CANFD_SendMsg(dev, ch, frames.data(), count);
-        if (sent > 0) canfd_to_can(frames.data(), msgs, static_cast<size_t>(sent));
+        auto frames = fd_frames(count);
+        if (!frames) return -4;
+        can_to_canfd(msgs, frames.get(), count);
+        const int sent = CANFD_SendMsg(dev, ch, frames.get(), count);
+        if (sent > 0) canfd_to_can(frames.get(), msgs, static_cast<size_t>(sent));
         return sent;
     }
     const int slot = can_slot(dev);
@@ -282,12 +304,7 @@ POLYBUS_API int CAN_SendMsg(int dev, unsigned char ch, CAN_MSG* msgs, unsigned i
 }
 
 POLYBUS_API int CAN_ReadMsg(int dev, unsigned char ch, CAN_MSG* out) {
-    if (is_canfd_handle(dev)) {
-        std::vector<CANFD_MSG> frames(CAN_READ_MAX_FRAMES);
-        const int n = CANFD_GetMsg(dev, ch, frames.data(), CAN_READ_MAX_FRAMES);
-        if (n > 0 && out != nullptr) canfd_to_can(frames.data(), out, static_cast<size_t>(n));
-        return n;
-    }
+    if (is_canfd_handle(dev)) return take_fd(dev, ch, out, CAN_READ_MAX_FRAMES, CANFD_GetMsg);
     Command request(0xC03);
     request.u8(ch);
     Answer answer(out, out != nullptr ? CAN_READ_MAX_FRAMES * sizeof(CAN_MSG) : 0);
@@ -314,7 +331,10 @@ POLYBUS_API void CAN_QuickSort(CAN_MSG* msgs, int low, int high, int) {
 }
 
 POLYBUS_API void* CAN_ReadMsgThread(void* pDevHandle) {
-    if (pDevHandle != nullptr) can_reception().run(*static_cast<int*>(pDevHandle));
+    if (pDevHandle == nullptr) return nullptr;
+    const int dev = *static_cast<int*>(pDevHandle);
+    if (is_canfd_handle(dev)) return CANFD_ReadMsgThread(pDevHandle);
+    can_reception().run(dev);
     return nullptr;
 }
 
@@ -329,23 +349,13 @@ POLYBUS_API int CAN_StopGetMsg(int dev, unsigned char ch) {
 }
 
 POLYBUS_API int CAN_GetMsg(int dev, unsigned char ch, CAN_MSG* out) {
-    if (is_canfd_handle(dev)) {
-        std::vector<CANFD_MSG> frames(CAN_READ_MAX_FRAMES);
-        const int n = CANFD_GetMsg(dev, ch, frames.data(), CAN_READ_MAX_FRAMES);
-        if (n > 0 && out != nullptr) canfd_to_can(frames.data(), out, static_cast<size_t>(n));
-        return n;
-    }
+    if (is_canfd_handle(dev)) return take_fd(dev, ch, out, CAN_READ_MAX_FRAMES, CANFD_GetMsg);
     if (!can_reception().reading(dev, ch)) CAN_ReadMsgToBuffer(dev, ch);
     return static_cast<int>(can_reception().take(dev, ch, out, CAN_BUFFER_FRAMES, false));
 }
 
 POLYBUS_API int CAN_GetMsgWithSize(int dev, unsigned char ch, CAN_MSG* out, int size) {
-    if (is_canfd_handle(dev)) {
-        std::vector<CANFD_MSG> frames(size > 0 ? static_cast<size_t>(size) : 0);
-        const int n = CANFD_GetMsg(dev, ch, frames.data(), size);
-        if (n > 0 && out != nullptr) canfd_to_can(frames.data(), out, static_cast<size_t>(n));
-        return n;
-    }
+    if (is_canfd_handle(dev)) return take_fd(dev, ch, out, size, CANFD_GetMsg);
     ch &= 1;
     if (!can_reception().reading(dev, ch)) {
         const int rc = CAN_ReadMsgToBuffer(dev, ch);
@@ -367,9 +377,12 @@ POLYBUS_API int CAN_ClearMsg(int dev, unsigned char ch) {
 POLYBUS_API int CAN_SetCANMsgToBuffer(int dev, unsigned char ch, CAN_MSG* msgs, int count) {
     if (is_canfd_handle(dev)) {
         if (count < 1 || msgs == nullptr) return 0;
-        std::vector<CANFD_MSG> frames(static_cast<size_t>(count));
-        can_to_canfd(msgs, frames.data(), frames.size());
-        return CANFD_SetCANMsgToBuffer(dev, ch, frames.data(), count);
+        // Only the newest buffer-full can stay; older frames would be dropped at once.
+        const int kept = buffer_capacity(count);
+        auto frames = fd_frames(static_cast<size_t>(kept));
+        if (!frames) return 0;
+        can_to_canfd(msgs + (count - kept), frames.get(), static_cast<size_t>(kept));
+        return CANFD_SetCANMsgToBuffer(dev, ch, frames.get(), kept);
     }
     if (count < 1 || msgs == nullptr) return 0;
     can_reception().append(dev, ch, msgs, static_cast<size_t>(count), false);
@@ -377,12 +390,7 @@ POLYBUS_API int CAN_SetCANMsgToBuffer(int dev, unsigned char ch, CAN_MSG* msgs, 
 }
 
 POLYBUS_API int CAN_GetCANMsgFromUDSBuffer(int dev, unsigned char ch, CAN_MSG* out, int size) {
-    if (is_canfd_handle(dev)) {
-        std::vector<CANFD_MSG> frames(size > 0 ? static_cast<size_t>(size) : 0);
-        const int n = CANFD_GetCANMsgFromUDSBuffer(dev, ch, frames.data(), size);
-        if (n > 0 && out != nullptr) canfd_to_can(frames.data(), out, static_cast<size_t>(n));
-        return n;
-    }
+    if (is_canfd_handle(dev)) return take_fd(dev, ch, out, size, CANFD_GetCANMsgFromUDSBuffer);
     if (!can_reception().reading(dev, ch)) CAN_ReadMsgToBuffer(dev, ch);
     if (size < 1) return 0;
     return static_cast<int>(can_reception().take(dev, ch, out, static_cast<size_t>(size), true));

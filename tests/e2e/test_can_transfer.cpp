@@ -2,6 +2,7 @@
 // the CAN_ calls): sending in chunks with host time stamps, reception on the other
 // channel and from peers, the receive and UDS buffers, filters and the bus's rules.
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 #include "can_test_support.h"
@@ -184,12 +185,63 @@ TEST_P(CanTransfer, EveryFrameReachesBothBuffersOnce) {
     EXPECT_EQ(CAN_GetMsg(handle, 1, buf.data()), 0);
     EXPECT_EQ(CAN_GetCANMsgFromUDSBuffer(handle, 1, buf.data(), 100), 3) << "ClearMsg keeps the UDS buffer";
 
+    // A capacity far beyond what a buffer holds is taken as it is.
+    ASSERT_EQ(CAN_SendMsg(handle, 0, out.data(), 2), 2);
+    EXPECT_EQ(CAN_GetMsgWithSize(handle, 1, buf.data(), INT_MAX), 2);
+    EXPECT_EQ(CAN_GetCANMsgFromUDSBuffer(handle, 1, buf.data(), INT_MAX), 2);
+
     // Frames fed in by the application land in the application buffer only.
     ASSERT_EQ(CAN_SetCANMsgToBuffer(handle, 1, out.data(), 2), 0);
     EXPECT_EQ(CAN_SetCANMsgToBuffer(handle, 1, out.data(), 0), 0);
     EXPECT_EQ(CAN_GetCANMsgFromUDSBuffer(handle, 1, buf.data(), 100), 0);
     ASSERT_EQ(CAN_GetMsg(handle, 1, buf.data()), 2);
     EXPECT_EQ(buf[1].ID, 0x201u);
+}
+
+// CAN_ReadMsg goes straight to the adapter: arrival order, the adapter's own flag bytes,
+// no buffering. An answer with more frames than one read may hold fills the caller's
+// array and no further; the pipe stays in step. (On CAN FD adapters CAN_ReadMsg is the
+// buffered CANFD_GetMsg, so the direct read is CANFD_ReadMsg there.)
+TEST_P(CanTransfer, DirectReadsBypassTheBuffersAndStayInTheirArray) {
+    open_channels();
+    std::vector<BusFrame> frames;
+    std::vector<uint64_t> stamps;
+    for (uint32_t i = 0; i < 2100; ++i) {
+        frames.push_back(bus_frame(0x100 + (i & 0xFF), 8, uint8_t(i)));
+        stamps.push_back(1000000 - i * 100);  // newest first
+    }
+    frames[1].remote = true;
+    can().set_fetch_limit(2100);
+    can().inject_received(1, frames, stamps);
+
+    std::vector<CAN_MSG> got(CAN_READ_MAX_FRAMES + 1);
+    std::vector<CANFD_MSG> got_fd(fd() ? CANFD_READ_MAX_FRAMES + 1 : 0);
+    std::memset(&got.back(), 0x5A, sizeof(CAN_MSG));
+    if (fd()) std::memset(&got_fd.back(), 0x5A, sizeof(CANFD_MSG));
+    const int n = fd() ? CANFD_ReadMsg(handle, 1, got_fd.data()) : CAN_ReadMsg(handle, 1, got.data());
+    ASSERT_EQ(n, CAN_READ_MAX_FRAMES);
+    if (fd()) {
+        EXPECT_EQ(got_fd.back().ID, 0x5A5A5A5Au) << "nothing written past the read's room";
+        EXPECT_EQ(got_fd[1].Data[0], 1);
+        EXPECT_GT(got_fd[0].TimeStamp, got_fd[1].TimeStamp) << "not sorted";
+    } else {
+        EXPECT_EQ(got.back().ID, 0x5A5A5A5Au) << "nothing written past the read's room";
+        EXPECT_EQ(got[1].Data[0], 1);
+        EXPECT_EQ(got[1].RemoteFlag, 1) << "no channel bits: the frames are not buffered";
+        EXPECT_GT(got[0].TimeStamp, got[1].TimeStamp) << "not sorted";
+    }
+    EXPECT_EQ(CAN_GetStatus(handle, 1, nullptr), 0) << "the excess was drained";
+    std::vector<CAN_MSG> buf(CAN_BUFFER_FRAMES);
+    EXPECT_EQ(CAN_GetMsgWithSize(handle, 1, buf.data(), CAN_BUFFER_FRAMES), 0) << "nothing was buffered";
+    EXPECT_EQ(CAN_GetCANMsgFromUDSBuffer(handle, 1, buf.data(), CAN_BUFFER_FRAMES), 0);
+
+    // Through the buffers, the same kind of answer keeps the first 2000 frames in stamp
+    // order (classic) or arrival order (CAN FD).
+    can().inject_received(1, frames, stamps);
+    ASSERT_EQ(CAN_ReadMsgToBuffer(handle, 1), 0);
+    auto buffered = take_all(1);
+    ASSERT_EQ(buffered.size(), size_t(CAN_READ_MAX_FRAMES));
+    EXPECT_EQ(buffered[0].Data[0], uint8_t(fd() ? 0 : CAN_READ_MAX_FRAMES - 1));
 }
 
 TEST_P(CanTransfer, AcceptanceFiltersSelectWhatAChannelReceives) {
@@ -233,6 +285,12 @@ TEST_P(CanTransfer, OnlyInitialisedChannelsAtTheSameRateTalk) {
     CAN_STATUS status{};
     ASSERT_EQ(CAN_GetStatus(handle, 0, &status), 0);
     EXPECT_EQ(status.TECounter, 8);
+    // A channel that is off puts nothing on the bus and counts no error.
+    EXPECT_EQ(CAN_SendMsg(handle, 1, &m, 1), 0);
+    CAN_STATUS off{};
+    ASSERT_EQ(CAN_GetStatus(handle, 1, &off), 0);
+    EXPECT_EQ(off.TECounter, 0);
+    EXPECT_EQ(can().pending(0), 0u);
     if (!fd()) {
         EXPECT_EQ(status.LECode, 3) << "acknowledgement error";
     }

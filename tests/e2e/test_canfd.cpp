@@ -138,6 +138,21 @@ TEST_P(CanFd, LargeSendsGoInRequestsOf128) {
     EXPECT_EQ(got[299].Data[0], uint8_t(299));
 }
 
+// Transmit events update the frames of their request and nothing beyond, however many
+// the adapter sends.
+TEST_P(CanFd, SurplusTransmitEventsStayOutOfTheCallersArray) {
+    open_fd();
+    CANFD_MSG two[2] = {fd_frame(0x10, 8, 0, 0), fd_frame(0x11, 8, 0, 0)};
+    std::memset(&two[1], 0x5A, sizeof(two[1]));
+    adapter->inject(Fault::Oversized, 0x4009);
+    EXPECT_EQ(CANFD_SendMsg(handle, 0, two, 1), 1);
+    EXPECT_EQ(two[0].Flags, 0x80);
+    EXPECT_EQ(two[1].ID, 0x5A5A5A5Au);
+    EXPECT_EQ(two[1].Flags, 0x5A);
+    CANFD_BUS_ERROR e{};
+    EXPECT_EQ(CANFD_GetBusError(handle, 0, &e), 0) << "the surplus was drained";
+}
+
 TEST_P(CanFd, AnUnacknowledgedRequestIsAbortedAndSendingStops) {
     CANFD_INIT_CONFIG c{};
     ASSERT_EQ(CANFD_GetCANSpeedArg(handle, &c, 500000, 2000000), 0);
