@@ -499,6 +499,7 @@ TEST(HexfileIhx, MalformedRecordsReturnZero) {
         ":FF00000000",                           // length far beyond the line
         ":02000004080",                          // truncated extended address
         ":020000040800F3",                       // bad checksum on an extended address
+        ":0400000000010203F7",                   // bad checksum on a data record (F6)
         ":0X000001FF",                           // length field not hex: the type is read, but...
     };
     for (size_t i = 0; i + 1 < bad.size(); ++i) {
