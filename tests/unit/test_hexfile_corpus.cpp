@@ -8,6 +8,7 @@
 #include "polybus/hexfile.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -16,7 +17,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -137,10 +137,21 @@ std::vector<uint8_t> make_image(Converted& c, char unit, uint8_t fill, size_t ca
 
 // ---- the files ---------------------------------------------------------------------
 
+// Every test reads the corpus; without it (a checkout without ../shared) they skip.
+class HexfileCorpus : public ::testing::Test {
+protected:
+    void SetUp() override {
+        struct stat st {};
+        if (stat(kDir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            GTEST_SKIP() << "firmware corpus not found under " << kDir;
+        }
+    }
+};
+
 const std::vector<Expect> kEmptyMain = {{0x400238, 124}, {0x4002B8, 134}, {0x400340, 130}, {0x4003D0, 418},
                                         {0x400574, 9},   {0x400580, 300}, {0x600E10, 552}};
 
-TEST(HexfileCorpus, EmptyMainHexExtendedLinearAddressAndGaps) {
+TEST_F(HexfileCorpus, EmptyMainHexExtendedLinearAddressAndGaps) {
     Converted c;
     convert(load("empty_main.hex"), true, 1, 16, c);
     expect_blocks(c, kEmptyMain, "empty_main.hex");
@@ -152,7 +163,7 @@ TEST(HexfileCorpus, EmptyMainHexExtendedLinearAddressAndGaps) {
     expect_image("empty_main.hex", 1, image, 0xFF);
 }
 
-TEST(HexfileCorpus, EmptyMainS19GivesTheSameBlocksAndImage) {
+TEST_F(HexfileCorpus, EmptyMainS19GivesTheSameBlocksAndImage) {
     Converted h, s;
     convert(load("empty_main.hex"), true, 1, 16, h);
     convert(load("empty_main.s19"), false, 1, 16, s);  // S0 + S2 + S8, CRLF
@@ -166,7 +177,7 @@ TEST(HexfileCorpus, EmptyMainS19GivesTheSameBlocksAndImage) {
     EXPECT_EQ(make_image(h, 1, 0x00, size), make_image(s, 1, 0x00, size));
 }
 
-TEST(HexfileCorpus, SaveImageOfEmptyMain) {
+TEST_F(HexfileCorpus, SaveImageOfEmptyMain) {
     Converted c;
     convert(load("empty_main.s19"), false, 1, 16, c);
     std::string path = std::string(::testing::TempDir()) + "polybus_corpus_" + std::to_string(getpid()) + ".bin";
@@ -179,7 +190,7 @@ TEST(HexfileCorpus, SaveImageOfEmptyMain) {
     std::remove(path.c_str());
 }
 
-TEST(HexfileCorpus, ElfS19ElevenBlocksWithSmallGaps) {
+TEST_F(HexfileCorpus, ElfS19ElevenBlocksWithSmallGaps) {
     const std::vector<Expect> want = {{0x318, 28},  {0x338, 100},  {0x3A0, 36},  {0x3C8, 269},
                                       {0x4D6, 12},  {0x4E8, 224},  {0x1000, 27}, {0x1020, 405},
                                       {0x11B8, 13}, {0x2000, 304}, {0x3DF0, 544}};
@@ -194,7 +205,7 @@ TEST(HexfileCorpus, ElfS19ElevenBlocksWithSmallGaps) {
     EXPECT_EQ(few.blocks[9].StartAddr, 0x2000u);  // filled so far; freed by Converted
 }
 
-TEST(HexfileCorpus, NonSortedSegmentsBlocksInFileOrderImageSorted) {
+TEST_F(HexfileCorpus, NonSortedSegmentsBlocksInFileOrderImageSorted) {
     // 875 S1 records out of address order: 9 runs in file order; sorted, they touch
     // each other up to 0x45CC, then the interrupt vectors at 0xFFBE, 0xFFE4, 0xFFFC.
     const std::vector<Expect> want = {{0x102B, 797}, {0x1000, 43},  {0x4598, 52},  {0x1348, 11431}, {0xFFE4, 2},
@@ -213,7 +224,7 @@ TEST(HexfileCorpus, NonSortedSegmentsBlocksInFileOrderImageSorted) {
     EXPECT_EQ(std::vector<uint8_t>(image.end() - 4, image.end()), std::vector<uint8_t>({0xFF, 0x00, 0x40, 0x35}));
 }
 
-TEST(HexfileCorpus, EvkbS3AddressWithBit31Set) {
+TEST_F(HexfileCorpus, EvkbS3AddressWithBit31Set) {
     Converted c;
     convert(load("evkbimxrt1050_iled_blinky_sdram.s19"), false, 1, 4, c);
     expect_blocks(c, {{0x80002000u, 19368}}, "evkbimxrt1050");
@@ -225,7 +236,7 @@ TEST(HexfileCorpus, EvkbS3AddressWithBit31Set) {
     expect_image("evkbimxrt1050_iled_blinky_sdram.s19", 1, make_image(c, 1, 0, 19368), 0);
 }
 
-TEST(HexfileCorpus, CrlfAndLfGiveTheSameResult) {
+TEST_F(HexfileCorpus, CrlfAndLfGiveTheSameResult) {
     std::vector<uint8_t> text = load("evkbimxrt1050_iled_blinky_sdram.s19");
     std::vector<uint8_t> lf;
     for (uint8_t ch : text) {
@@ -241,7 +252,7 @@ TEST(HexfileCorpus, CrlfAndLfGiveTheSameResult) {
     EXPECT_EQ(0, std::memcmp(a.blocks[0].pData, b.blocks[0].pData, a.blocks[0].DataLen));
 }
 
-TEST(HexfileCorpus, Issue4LinearBaseGoingDown) {
+TEST_F(HexfileCorpus, Issue4LinearBaseGoingDown) {
     // :020000040002F8, :03000E00A4CFFF7D, :020000040001F9, :04000E00A4CFFFDD9F, :00000001FF
     Converted c;
     convert(load("issue_4_in.hex"), true, 1, 2, c);
@@ -258,7 +269,7 @@ TEST(HexfileCorpus, Issue4LinearBaseGoingDown) {
     EXPECT_EQ(one.count, 0);
 }
 
-TEST(HexfileCorpus, WordAddressedS2File) {
+TEST_F(HexfileCorpus, WordAddressedS2File) {
     Converted w;
     convert(load("in_16bits_word.s19"), false, 2, 4, w);
     expect_blocks(w, {{0x3E8000, 64}}, "in_16bits_word.s19 unit 2");
@@ -275,7 +286,7 @@ TEST(HexfileCorpus, WordAddressedS2File) {
     EXPECT_EQ(0, std::memcmp(image.data(), w.blocks[0].pData, 64));
 }
 
-TEST(HexfileCorpus, MicrobitHex32ByteRecordsOneBlock) {
+TEST_F(HexfileCorpus, MicrobitHex32ByteRecordsOneBlock) {
     Converted c;
     convert(load("2-ghost-music-32.hex"), true, 1, 4, c);
     expect_blocks(c, {{0x0, 0x16BD0}}, "2-ghost-music-32.hex");
@@ -285,7 +296,7 @@ TEST(HexfileCorpus, MicrobitHex32ByteRecordsOneBlock) {
     expect_image("2-ghost-music-32.hex", 1, make_image(c, 1, 0xFF, 0x16BD0), 0xFF);
 }
 
-TEST(HexfileCorpus, EveryPrefixOfEveryFileIsSafe) {
+TEST_F(HexfileCorpus, EveryPrefixOfEveryFileIsSafe) {
     // Cutting a file anywhere never reads past the cut (exact-size buffers under the
     // sanitizers) and gives either 0 or a block list that starts like the full one.
     for (const char* name : {"issue_4_in.hex", "in_16bits_word.s19", "empty_main.hex", "elf.s19"}) {
