@@ -85,6 +85,8 @@ TEST_P(CanTransfer, LargeSendsGoInChunks) {
         }
         EXPECT_EQ(gets[0].timeout_ms, 101000);
         EXPECT_EQ(gets[2].timeout_ms, 41200);
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(sends[i].data[0], 0) << "channel byte";
+        EXPECT_EQ(sends[1].data[1], uint8_t(500 & 0x7FF)) << "the second command starts at frame 500";
         // The wire copy: flags cut to bit 0, no time stamp.
         EXPECT_EQ(sends[0].data[0], 0);
         EXPECT_EQ(std::vector<uint8_t>(sends[0].data.begin() + 5, sends[0].data.begin() + 11),
@@ -99,6 +101,21 @@ TEST_P(CanTransfer, LargeSendsGoInChunks) {
     auto got = take_all(1);
     ASSERT_EQ(got.size(), 1201u);
     for (uint32_t i = 0; i < 1201; ++i) ASSERT_EQ(got[i].Data[0], uint8_t(i));
+
+    // A wrong answer to the first command ends the send there.
+    if (!fd()) {
+        for (auto& m : frames) {
+            m.RemoteFlag = 0;
+            m.TimeStamp = 12345;
+        }
+        trace->clear();
+        adapter->inject(Fault::WrongEcho, 0xC02);
+        EXPECT_EQ(CAN_SendMsg(handle, 0, frames.data(), 1201), -4);
+        EXPECT_EQ(trace->sends().size(), 1u);
+        EXPECT_EQ(frames[499].RemoteFlag, 0x80) << "the first command's frames were stamped";
+        EXPECT_EQ(frames[500].RemoteFlag, 0) << "the later ones were never taken up";
+        EXPECT_EQ(frames[500].TimeStamp, 12345u);
+    }
 }
 
 TEST_P(CanTransfer, TheReceiveBufferKeepsTheNewest10000) {

@@ -169,6 +169,28 @@ TEST_P(CanFd, AnUnacknowledgedRequestIsAbortedAndSendingStops) {
     EXPECT_EQ(e.TEC, 8);
 }
 
+// Requests of 20 frames or more leave the adapter time between status polls: 2 ms under
+// 50 frames, 5 ms from 50. The bus is slowed so that each request takes a while; the
+// poll counts can only fall on a slow host, never rise.
+TEST_P(CanFd, LongerRequestsArePolledWithPauses) {
+    open_fd();
+    can().bus(0)->set_time_scale(15);  // 60 classic-sized frames now take about 200 ms
+    for (unsigned k : {60u, 30u}) {
+        trace->clear();
+        std::vector<CANFD_MSG> out(k, fd_frame(0x20, 8, 0, 0));
+        const auto start = std::chrono::steady_clock::now();
+        ASSERT_EQ(CANFD_SendMsg(handle, 0, out.data(), k), int(k));
+        const auto ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+        int polls = 0;
+        for (auto& s : trace->sends()) polls += s.command == 0x400A;
+        const int pause = k >= 50 ? 5 : 2;
+        EXPECT_GE(polls, 2) << k;
+        EXPECT_LE(polls, ms / pause + 1) << k << " frames in " << ms << " ms";
+    }
+    can().bus(0)->set_time_scale(1.0);
+}
+
 // The one test that waits out a real timeout: a request that never leaves the adapter
 // counts 0 after 1000 + 100 x frames ms, and the next request follows.
 TEST_P(CanFd, ARequestThatNeverFinishesCountsNothing) {
