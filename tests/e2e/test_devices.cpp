@@ -6,6 +6,7 @@
 #include "gpio_model.h"
 #include "sim_fixture.h"
 #include "transport/lock.h"
+#include "transport/usb_device.h"
 #include "transport/usb_message.h"
 
 using namespace polybus_sim;
@@ -42,6 +43,7 @@ TEST_F(Discovery, AdaptersKeepFirstFoundOrderAndVanishOnRescan) {
     Simulator::instance().remove(first);
     EXPECT_EQ(scan(), (std::vector<int>{0x53000002}));
     // The survivor now owns slot 0 and still works.
+    EXPECT_EQ(usb_list_get_index(0x53000002), 0u);
     ASSERT_TRUE(USB_OpenDevice(0x53000002));
     unsigned v = 0;
     EXPECT_EQ(GPIO_Read(0x53000002, 1, &v), 0);
