@@ -291,12 +291,19 @@ TEST(HexfileBlocks, AddressWrapsAroundAt32Bits) {
 }
 
 TEST(HexfileBlocks, ManyRecordsInOneBlock) {
+    // Large enough (3 MiB) for the buffer to be moved while growing and prefaulted ahead
+    // of the data; the second block starts small again.
+    constexpr uint32_t kLen = 3u << 20;
     std::string f;
-    for (uint32_t a = 0; a < 20000 * 16; a += 16) f += srec(3, 0x08000000u + a, seq(16, static_cast<uint8_t>(a))) + "\n";
-    Blocks bl(1);
-    ASSERT_EQ(run(hexfile_convert_s19, f, bl), 1);
-    ASSERT_EQ(bl[0].DataLen, 320000u);
-    for (uint32_t i = 0; i < 320000; i += 4099) EXPECT_EQ(bl[0].pData[i], static_cast<uint8_t>(i));
+    f.reserve(kLen / 16 * 48);
+    for (uint32_t a = 0; a < kLen; a += 16) f += srec(3, 0x08000000u + a, seq(16, static_cast<uint8_t>(a))) + "\n";
+    f += srec(3, 0x09000000u, seq(16, 7)) + "\n";
+    Blocks bl(2);
+    ASSERT_EQ(run(hexfile_convert_s19, f, bl), 2);
+    ASSERT_EQ(bl[0].DataLen, kLen);
+    for (uint32_t i = 0; i < kLen; i += 4099) ASSERT_EQ(bl[0].pData[i], static_cast<uint8_t>(i)) << i;
+    EXPECT_EQ(bl[0].pData[kLen - 1], static_cast<uint8_t>(kLen - 1));
+    EXPECT_EQ(bl.bytes(1), seq(16, 7));
 }
 
 // ---- S-records -----------------------------------------------------------------------
