@@ -4,6 +4,7 @@
 #include <dirent.h>
 
 #include <atomic>
+#include <mutex>
 #include <thread>
 
 #include "can_test_support.h"
@@ -133,19 +134,33 @@ TEST_P(Reader, StoppingWhileFramesStreamIn) {
     // An application thread drains channel 1 the whole time; the reader is stopped and
     // restarted under it, after which its own polled fetches carry on.
     std::atomic<bool> done{false};
+    std::mutex draining;  // held while frames move out of the buffer into `got`
     std::vector<CAN_MSG> got;
+    auto drain = [&](std::vector<CAN_MSG>& buf) {
+        const int n = CAN_GetMsg(handle, 1, buf.data());
+        if (n > 0) got.insert(got.end(), buf.begin(), buf.begin() + n);
+    };
     std::thread consumer([&] {
         std::vector<CAN_MSG> buf(CAN_BUFFER_FRAMES);
         while (!done.load()) {
-            const int n = CAN_GetMsg(handle, 1, buf.data());
-            if (n > 0) got.insert(got.end(), buf.begin(), buf.begin() + n);
+            {
+                std::lock_guard<std::mutex> hold(draining);
+                drain(buf);
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(3));
         }
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(40));
     EXPECT_EQ(CAN_StopGetMsg(handle, 1), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(CAN_StartGetMsg(handle, 1), 0);
+    {
+        // A CAN FD start empties the channel's buffer, so whatever waits there is taken
+        // out first, with the application thread held off meanwhile.
+        std::lock_guard<std::mutex> hold(draining);
+        std::vector<CAN_MSG> buf(CAN_BUFFER_FRAMES);
+        drain(buf);
+        EXPECT_EQ(CAN_StartGetMsg(handle, 1), 0);
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     const auto before_stop = std::chrono::steady_clock::now();
     EXPECT_EQ(CAN_StopGetMsg(handle, 1), 0);
