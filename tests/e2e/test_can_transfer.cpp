@@ -260,6 +260,12 @@ TEST_P(CanTransfer, DirectReadsBypassTheBuffersAndStayInTheirArray) {
     std::vector<CAN_MSG> buf(CAN_BUFFER_FRAMES);
     EXPECT_EQ(CAN_GetMsgWithSize(handle, 1, buf.data(), CAN_BUFFER_FRAMES), 0) << "nothing was buffered";
     EXPECT_EQ(CAN_GetCANMsgFromUDSBuffer(handle, 1, buf.data(), CAN_BUFFER_FRAMES), 0);
+    // A frame fed into the buffer: CAN_ReadMsg does not see it on a classic adapter; on a
+    // CAN FD adapter it is the buffered call and moves it out.
+    CAN_MSG fed = make_frame(0x7AA, 1, 1);
+    ASSERT_EQ(CAN_SetCANMsgToBuffer(handle, 1, &fed, 1), 0);
+    ASSERT_EQ(CAN_ReadMsg(handle, 1, got.data()), fd() ? 1 : 0);
+    EXPECT_EQ(take_all(1).size(), fd() ? 0u : 1u);
 
     // Through the buffers, the same kind of answer keeps the first 2000 frames in stamp
     // order (classic) or arrival order (CAN FD).
