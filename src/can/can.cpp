@@ -24,14 +24,6 @@ constexpr uint32_t kSendChunk = 500;
 std::atomic<uint64_t> TimeStart[kSlots];
 std::atomic<uint32_t> CANTimeStampError[kSlots];
 
-// A command whose success is an empty answer.
-int acknowledged(int dev, Command& request) {
-    AnswerBuffer<16> answer;
-    const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
-    return answer.length == 0 ? 0 : -4;
-}
-
 // Segment values travel as register codes (value - 1) for channels 0 and 1; a zero
 // still goes as 1, which the firmware expects.
 uint8_t segment_code(uint8_t channel, uint8_t value) {
@@ -216,10 +208,7 @@ POLYBUS_API int CAN_SetRelay(int dev, unsigned char state) {
     if (is_canfd_handle(dev)) return CANFD_SetRelay(dev, state);
     Command request(0xC07);
     request.u8(state);
-    AnswerBuffer<8> answer;
-    const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
-    return answer.received >= 1 && answer.u8(0) == state ? 0 : -4;
+    return echoed_byte(dev, request, state);
 }
 
 POLYBUS_API int CAN_SetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned char* entries) {

@@ -19,13 +19,6 @@ constexpr size_t kFdReadBytes = CANFD_READ_MAX_FRAMES * (kFdHead + 64);
 // Frame sends and their status requests travel on the channel's own endpoint.
 Route channel_pipe(unsigned char ch) { return Route{Pipe::CanFd, ch}; }
 
-int acknowledged(int dev, Command& request) {
-    AnswerBuffer<16> answer;
-    const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
-    return answer.length == 0 ? 0 : -4;
-}
-
 // A command answered with its own code and exactly `size` bytes, copied to `out`.
 int echoed_record(int dev, uint32_t code, unsigned char ch, void* out, size_t size, Route route = {}) {
     Command request(code);
@@ -211,10 +204,7 @@ POLYBUS_API int CANFD_Stop(int dev, unsigned char ch) {
 POLYBUS_API int CANFD_SetRelay(int dev, unsigned char state) {
     Command request(0x4008);
     request.u8(state);
-    AnswerBuffer<8> answer;
-    const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
-    return answer.received >= 1 && answer.u8(0) == state ? 0 : -4;
+    return echoed_byte(dev, request, state);
 }
 
 // The same operations as the CAN_ calls, which for a CAN FD handle hand it back here.
