@@ -379,6 +379,43 @@ TEST_F(DbcCorpus, MultiplexedMessagesBuildTheSelectedPage) {
     }
 }
 
+TEST_F(DbcCorpus, FloatSignalsOnPagesOfTheFirstSwitchInFileOrder) {
+    OPEN_OR_SKIP(db, "multiplex_2.dbc");
+    // ExtendedTypes lists S9 (m5, single), S10 (m0, single), S0 (m3M) and S11 (M). S0
+    // holds both letters, so it is a switch, and being listed first it is the one that
+    // setting a page moves and that decides which pages are built; S11 is written as
+    // any other signal.
+    const DBC_SIGNAL* s0 = dbc_test::signal(*db, "ExtendedTypes", "S0");
+    ASSERT_NE(s0, nullptr);
+    EXPECT_EQ(s0->multiplexKind, 2u);
+    EXPECT_EQ(dbc_test::signal(*db, "ExtendedTypes", "S10")->valueType, 1u);
+    ASSERT_EQ(DBC_SetSignalValue(handle_, "ExtendedTypes", "S11", 4), 0);
+    ASSERT_EQ(DBC_SetSignalValue(handle_, "ExtendedTypes", "S9", 5000), 0);  // clamped to 1235
+    EXPECT_EQ(s0->rawValue, 5u);
+    ASSERT_EQ(DBC_SetSignalValue(handle_, "ExtendedTypes", "S10", -2.5), 0);  // no scaling: 0xC0200000
+    EXPECT_EQ(s0->rawValue, 0u);
+    CAN_MSG can{};
+    ASSERT_EQ(DBC_SyncValueToCANMsg(handle_, "ExtendedTypes", &can), 0);
+    const uint8_t page0[8] = {0x04, 0x00, 0x00, 0x00, 0x20, 0xC0, 0x00, 0x00};
+    EXPECT_EQ(std::memcmp(can.Data, page0, 8), 0);
+    EXPECT_EQ(can.ID, 2349072126u & 0x1FFFFFFFu);  // J1939PG: an extended identifier
+    EXPECT_EQ(can.ExternFlag, 1);
+
+    ASSERT_EQ(DBC_SetSignalValue(handle_, "ExtendedTypes", "S9", 5000), 0);
+    ASSERT_EQ(DBC_SyncValueToCANMsg(handle_, "ExtendedTypes", &can), 0);
+    const uint8_t page5[8] = {0x04, 0x05, 0x00, 0x00, 0x60, 0x9A, 0x44, 0x00};  // 1235.0f
+    EXPECT_EQ(std::memcmp(can.Data, page5, 8), 0);
+
+    // Decoding puts every signal's bits back, the page of S10 not being selected.
+    std::memcpy(can.Data, page0, 8);
+    ASSERT_EQ(DBC_SyncCANMsgToValue(handle_, &can, 1), 0);
+    double v = 0;
+    ASSERT_EQ(DBC_GetSignalValue(handle_, "ExtendedTypes", "S10", &v), 0);
+    EXPECT_EQ(v, -2.5);
+    ASSERT_EQ(DBC_GetSignalValue(handle_, "ExtendedTypes", "S11", &v), 0);
+    EXPECT_EQ(v, 4);
+}
+
 TEST_F(DbcCorpus, MotohawkScaledMotorolaSignals) {
     OPEN_OR_SKIP(db, "motohawk.dbc");
     const DBC_SIGNAL* t = dbc_test::signal(*db, "ExampleMessage", "Temperature");
