@@ -6,6 +6,7 @@
 // spent descheduled left out) and the best run are printed as well.
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -182,13 +183,93 @@ void bench_codec() {
     if (sink == 12345.678) std::printf(" ");
 }
 
+// A database of `count` messages, 4 signals each, written to a temporary file and
+// loaded through the exported opener.
+uint64_t synthetic_database(int count) {
+    std::string text;
+    char line[160];
+    for (int m = 0; m < count; ++m) {
+        std::snprintf(line, sizeof line, "BO_ %u Message_%05d: 8 N\n", 0x80010000u + static_cast<unsigned>(m), m);
+        text += line;
+        for (int s = 0; s < 4; ++s) {
+            std::snprintf(line, sizeof line, " SG_ Sig%d : %d|16@1+ (1,0) [0|65535] \"\" N\n", s, 16 * s);
+            text += line;
+        }
+    }
+    char path[] = "/tmp/polybus_bench_dbc_XXXXXX";
+    const int fd = ::mkstemp(path);
+    if (fd < 0) return 0;
+    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ::close(fd);
+    const uint64_t db = written ? DBC_ParserFile(static_cast<int>(kFakeDevice), path) : 0;
+    ::unlink(path);
+    return db;
+}
+
+// Look-ups by name and by identifier of the same 64 messages, the last ones of the
+// file, in a small and a large database: an index answers as fast in both, a scan
+// in file order would be about as many times slower as the database is larger.
+void bench_lookups() {
+    const int kHot = 64;
+    const int sizes[2] = {128, 16384};
+    double set_ns[2] = {0, 0}, decode_mfps[2] = {0, 0};
+    for (int k = 0; k < 2; ++k) {
+        const int count = sizes[k];
+        const uint64_t db = synthetic_database(count);
+        if (db == 0 || DBC_GetMsgQuantity(db) != count) {
+            std::printf("look-ups: synthetic database of %d messages did not load\n", count);
+            return;
+        }
+        std::vector<std::string> names;
+        std::vector<CAN_MSG> frames(256);
+        for (int i = 0; i < kHot; ++i) {
+            char name[32];
+            std::snprintf(name, sizeof name, "Message_%05d", count - kHot + i);
+            names.emplace_back(name);
+        }
+        for (size_t i = 0; i < frames.size(); ++i) {
+            std::memset(&frames[i], 0, sizeof frames[i]);
+            // Hot messages in a scrambled order, so that no two frames in a row share one.
+            frames[i].ID = static_cast<uint32_t>(0x10000 + count - kHot + static_cast<int>(i * 37) % kHot);
+            frames[i].ExternFlag = 1;
+            frames[i].DataLen = 8;
+        }
+        // Each call names another message than the call before.
+        const long calls = 2000000;
+        Timing t = measure(
+            [&] {
+                for (long r = 0; r < calls; ++r)
+                    DBC_SetSignalValue(db, names[static_cast<size_t>(r * 37) % kHot].c_str(), "Sig2",
+                                       static_cast<double>(r & 255));
+            },
+            9, 9, 0);
+        set_ns[k] = t.wall_median * 1e9 / calls;
+        const long batches = 4000;
+        t = measure(
+            [&] {
+                for (long r = 0; r < batches; ++r)
+                    DBC_SyncCANMsgToValue(db, frames.data(), static_cast<int>(frames.size()));
+            },
+            9, 9, 0);
+        decode_mfps[k] = batches * 256.0 / t.wall_median / 1e6;
+    }
+    std::printf("Look-ups of the last %d messages in databases of %d and %d messages (medians, wall clock):\n",
+                kHot, sizes[0], sizes[1]);
+    std::printf("  DBC_SetSignalValue, another message each call: %.2f ns and %.2f ns\n", set_ns[0], set_ns[1]);
+    report("  time ratio, large / small database", set_ns[1] / set_ns[0], "x", 1.5, false);
+    std::printf("  DBC_SyncCANMsgToValue by identifier: %.2f and %.2f M frames/s\n", decode_mfps[0], decode_mfps[1]);
+    report("  time ratio, large / small database", decode_mfps[0] / decode_mfps[1], "x", 1.5, false);
+}
+
 }  // namespace
 
-// Optional argument: "load" or "codec" runs one part only (handy under a profiler).
+// Optional argument: "load", "codec" or "lookups" runs one part only (handy under a
+// profiler).
 int main(int argc, char** argv) {
     add_fake_device();
     const std::string only = argc > 1 ? argv[1] : "";
     if (only.empty() || only == "load") bench_load();
     if (only.empty() || only == "codec") bench_codec();
+    if (only.empty() || only == "lookups") bench_lookups();
     return 0;
 }

@@ -422,8 +422,7 @@ void HashIndex::reserve(size_t n) {
 void HashIndex::grow() { reserve(slots_.empty() ? 8 : slots_.size()); }
 
 void IdIndex::clear() {
-    keys_.clear();
-    pos_.clear();
+    slots_.clear();
     mask_ = 0;
     count_ = 0;
 }
@@ -431,35 +430,32 @@ void IdIndex::clear() {
 void IdIndex::reserve(size_t n) {
     size_t cap = 16;
     while (cap < n * 2 + 2) cap *= 2;
-    if (cap <= keys_.size()) return;
-    std::vector<uint32_t> old_keys, old_pos;
-    old_keys.swap(keys_);
-    old_pos.swap(pos_);
-    keys_.assign(cap, 0);
-    pos_.assign(cap, UINT32_MAX);
+    if (cap <= slots_.size()) return;
+    std::vector<Slot> old;
+    old.swap(slots_);
+    slots_.assign(cap, Slot{0, UINT32_MAX});
     mask_ = cap - 1;
-    for (size_t j = 0; j < old_keys.size(); ++j) {
-        if (old_pos[j] == UINT32_MAX) continue;
-        size_t i = spread(old_keys[j]) & mask_;
-        while (pos_[i] != UINT32_MAX) i = (i + 1) & mask_;
-        keys_[i] = old_keys[j];
-        pos_[i] = old_pos[j];
+    for (const Slot& s : old) {
+        if (s.pos == UINT32_MAX) continue;
+        size_t i = spread(s.key) & mask_;
+        while (slots_[i].pos != UINT32_MAX) i = (i + 1) & mask_;
+        slots_[i] = s;
     }
 }
 
-void IdIndex::grow() { reserve(keys_.empty() ? 8 : keys_.size()); }
+void IdIndex::grow() { reserve(slots_.empty() ? 8 : slots_.size()); }
 
 void IdIndex::insert_first(uint32_t id, uint32_t pos) {
-    if ((count_ + 1) * 2 > keys_.size()) grow();
+    if ((count_ + 1) * 2 > slots_.size()) grow();
     size_t i = spread(id) & mask_;
     for (;;) {
-        if (pos_[i] == UINT32_MAX) {
-            keys_[i] = id;
-            pos_[i] = pos;
+        Slot& s = slots_[i];
+        if (s.pos == UINT32_MAX) {
+            s = Slot{id, pos};
             ++count_;
             return;
         }
-        if (keys_[i] == id) return;
+        if (s.key == id) return;
         i = (i + 1) & mask_;
     }
 }

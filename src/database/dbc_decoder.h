@@ -121,29 +121,34 @@ private:
     size_t count_ = 0;
 };
 
-// Identifier -> first message position.
+// Identifier -> first message position. Key and position share a slot, so that a
+// probe touches one cache line however large the table grows.
 class IdIndex {
 public:
     void clear();
     void reserve(size_t n);
     void insert_first(uint32_t id, uint32_t pos);
     uint32_t find(uint32_t id) const {  // UINT32_MAX when absent
-        if (keys_.empty()) return UINT32_MAX;
+        if (slots_.empty()) return UINT32_MAX;
         size_t i = spread(id) & mask_;
         for (;;) {
-            if (pos_[i] == UINT32_MAX) return UINT32_MAX;
-            if (keys_[i] == id) return pos_[i];
+            const Slot& s = slots_[i];
+            if (s.pos == UINT32_MAX) return UINT32_MAX;
+            if (s.key == id) return s.pos;
             i = (i + 1) & mask_;
         }
     }
 
 private:
+    struct Slot {
+        uint32_t key;
+        uint32_t pos;  // UINT32_MAX = empty
+    };
     static size_t spread(uint32_t id) {
         return static_cast<size_t>((id * 0x9E3779B97F4A7C15ull) >> 32);
     }
     void grow();
-    std::vector<uint32_t> keys_;
-    std::vector<uint32_t> pos_;
+    std::vector<Slot> slots_;
     size_t mask_ = 0;
     size_t count_ = 0;
 };
