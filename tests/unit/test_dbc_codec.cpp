@@ -365,6 +365,30 @@ TEST_F(DbcCodecFrames, MultiplexedFramesCarryTheSelectedPageOnly) {
     EXPECT_EQ(v, 0xA3);
 }
 
+TEST_F(DbcCodecFrames, PagesAreTheLow16BitsOfTheMultiplexValue) {
+    const uint64_t h = load(
+        "BO_ 77 Wide: 8 N\n"
+        " SG_ Switch M : 0|8@1+ (1,0) [0|70000] \"\" N\n"
+        " SG_ Big m65539 : 8|8@1+ (1,0) [0|255] \"\" N\n"
+        " SG_ Small m3 : 16|8@1+ (1,0) [0|255] \"\" N\n");
+    ASSERT_NE(h, 0u);
+    ASSERT_EQ(DBC_SetSignalValue(h, "Wide", "Small", 0x22), 0);
+    ASSERT_EQ(DBC_SetSignalValue(h, "Wide", "Big", 0x11), 0);  // selects page 65539 & 0xFFFF
+    double sel = 0;
+    ASSERT_EQ(DBC_GetSignalValue(h, "Wide", "Switch", &sel), 0);
+    EXPECT_EQ(sel, 3);
+    CAN_MSG can{};
+    ASSERT_EQ(DBC_SyncValueToCANMsg(h, "Wide", &can), 0);
+    const uint8_t both[8] = {3, 0x11, 0x22, 0, 0, 0, 0, 0};
+    EXPECT_EQ(std::memcmp(can.Data, both, 8), 0);
+    // The switch's whole raw value is compared: 65539 selects no page, although its
+    // low 8 bits in the frame read 3.
+    ASSERT_EQ(DBC_SetSignalValue(h, "Wide", "Switch", 65539), 0);
+    ASSERT_EQ(DBC_SyncValueToCANMsg(h, "Wide", &can), 0);
+    const uint8_t none[8] = {3, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(std::memcmp(can.Data, none, 8), 0);
+}
+
 TEST_F(DbcCodecFrames, OverlappingSignalsAreWrittenInFileOrder) {
     const uint64_t h = load(
         "BO_ 9 Over: 8 N\n"
