@@ -424,6 +424,7 @@ void HashIndex::grow() { reserve(slots_.empty() ? 8 : slots_.size()); }
 void IdIndex::clear() {
     slots_.clear();
     mask_ = 0;
+    shift_ = 63;
     count_ = 0;
 }
 
@@ -435,9 +436,10 @@ void IdIndex::reserve(size_t n) {
     old.swap(slots_);
     slots_.assign(cap, Slot{0, UINT32_MAX});
     mask_ = cap - 1;
+    shift_ = static_cast<unsigned>(64 - __builtin_ctzll(cap));
     for (const Slot& s : old) {
         if (s.pos == UINT32_MAX) continue;
-        size_t i = spread(s.key) & mask_;
+        size_t i = home(s.key);
         while (slots_[i].pos != UINT32_MAX) i = (i + 1) & mask_;
         slots_[i] = s;
     }
@@ -447,7 +449,7 @@ void IdIndex::grow() { reserve(slots_.empty() ? 8 : slots_.size()); }
 
 void IdIndex::insert_first(uint32_t id, uint32_t pos) {
     if ((count_ + 1) * 2 > slots_.size()) grow();
-    size_t i = spread(id) & mask_;
+    size_t i = home(id);
     for (;;) {
         Slot& s = slots_[i];
         if (s.pos == UINT32_MAX) {
