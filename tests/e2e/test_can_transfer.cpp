@@ -49,9 +49,7 @@ TEST_P(CanTransfer, FramesSentOnOneChannelArriveOnTheOther) {
             EXPECT_EQ(m.RemoteFlag & 0xFE, 0x80);
         }
     }
-    if (!fd()) {
-        EXPECT_EQ(out[2].RemoteFlag, 0x81) << "the remote bit survives";
-    }
+    if (!fd()) { EXPECT_EQ(out[2].RemoteFlag, 0x81) << "the remote bit survives"; }
 
     auto got = take_all(1);
     ASSERT_EQ(got.size(), 4u);
@@ -62,16 +60,10 @@ TEST_P(CanTransfer, FramesSentOnOneChannelArriveOnTheOther) {
         EXPECT_EQ(std::memcmp(got[i].Data, out[i].Data, out[i].DataLen), 0);
         EXPECT_GE(got[i].TimeStamp + 50, before);
         EXPECT_LE(got[i].TimeStamp, after + 50);
-        if (i > 0) {
-            EXPECT_GE(got[i].TimeStamp, got[i - 1].TimeStamp);
-        }
-        if (!fd()) {
-            EXPECT_EQ(got[i].RemoteFlag & 0x60, 0x20) << "the channel bits are set on buffered frames";
-        }
+        if (i > 0) { EXPECT_GE(got[i].TimeStamp, got[i - 1].TimeStamp); }
+        if (!fd()) { EXPECT_EQ(got[i].RemoteFlag & 0x60, 0x20) << "the channel bits are set on buffered frames"; }
     }
-    if (!fd()) {
-        EXPECT_EQ(got[2].RemoteFlag & 1, 1);
-    }
+    if (!fd()) { EXPECT_EQ(got[2].RemoteFlag & 1, 1); }
     EXPECT_TRUE(take_all(0).empty()) << "a channel does not hear itself";
     EXPECT_TRUE(take_all(1).empty()) << "moved out once";
 }
@@ -89,22 +81,18 @@ TEST_P(CanTransfer, LargeSendsGoInChunks) {
         const uint32_t counts[] = {500, 500, 201};
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(sends[i].command, 0xC02u);
+            EXPECT_EQ(sends[i].data[0], 0) << "channel byte";
             EXPECT_EQ(sends[i].length, 1 + 20 * counts[i]);
             EXPECT_EQ(gets[i].timeout_ms, int(1000 + 200 * counts[i]));
         }
-        EXPECT_EQ(gets[0].timeout_ms, 101000);
-        EXPECT_EQ(gets[2].timeout_ms, 41200);
-        for (int i = 0; i < 3; ++i) EXPECT_EQ(sends[i].data[0], 0) << "channel byte";
         EXPECT_EQ(sends[1].data[1], uint8_t(500 & 0x7FF)) << "the second command starts at frame 500";
         // The wire copy: flags cut to bit 0, no time stamp.
-        EXPECT_EQ(sends[0].data[0], 0);
         EXPECT_EQ(std::vector<uint8_t>(sends[0].data.begin() + 5, sends[0].data.begin() + 11),
                   (std::vector<uint8_t>{0, 0, 0, 0, 0, 0}));
     } else {
         // CAN FD: requests of 128 frames, each followed by status polls and its events.
         std::vector<uint32_t> per_request;
-        for (auto& s : sends)
-            if (s.command == 0x4002) per_request.push_back(s.data[11]);
+        for (auto& s : trace->sends(0x4002)) per_request.push_back(s.data[11]);
         EXPECT_EQ(per_request, (std::vector<uint32_t>{128, 128, 128, 128, 128, 128, 128, 128, 128, 49}));
     }
     auto got = take_all(1);
@@ -323,9 +311,7 @@ TEST_P(CanTransfer, OnlyInitialisedChannelsAtTheSameRateTalk) {
     ASSERT_EQ(CAN_GetStatus(handle, 1, &off), 0);
     EXPECT_EQ(off.TECounter, 0);
     EXPECT_EQ(can().pending(0), 0u);
-    if (!fd()) {
-        EXPECT_EQ(status.LECode, 3) << "acknowledgement error";
-    }
+    if (!fd()) { EXPECT_EQ(status.LECode, 3) << "acknowledgement error"; }
     ASSERT_EQ(CAN_Init(handle, 1, &slow), 0);
     EXPECT_EQ(CAN_SendMsg(handle, 0, &m, 1), 0) << "a node at another bit rate does not acknowledge";
     EXPECT_TRUE(take_all(1).empty());

@@ -38,9 +38,8 @@ TEST_F(DeviceInfo, ReportsWhatTheAdapterSays) {
     EXPECT_EQ(sends[0].timeout_ms, 100);
     EXPECT_EQ(sends[1].command, 0x0106u);
     EXPECT_EQ(sends[1].timeout_ms, 1000);
-    auto gets = trace->gets();
-    EXPECT_EQ(gets[0].timeout_ms, 100);
-    EXPECT_EQ(gets[1].timeout_ms, 100);
+    EXPECT_EQ(trace->gets()[0].timeout_ms, 100);
+    EXPECT_EQ(trace->gets()[1].timeout_ms, 100);
 
     // A missing function-string reply leaves an empty string, not garbage.
     adapter->inject(Fault::NoAnswer, 0x0106);
@@ -232,13 +231,11 @@ TEST_F(DeviceInfo, BrokenChainsAreReportedNotFollowedForever) {
     uint8_t out[64];
     // A last record whose key has no slot size cannot be appended to.
     std::vector<uint8_t> area(DeviceModel::kConfigSize, 0xFF);
+    // Key, length, CRC and next address, little-endian.
     auto header = [&](size_t at, uint32_t id, uint32_t len, uint16_t crc, uint16_t next) {
-        for (int i = 0; i < 4; ++i) area[at + i] = uint8_t(id >> (8 * i));
-        for (int i = 0; i < 4; ++i) area[at + 4 + i] = uint8_t(len >> (8 * i));
-        area[at + 8] = uint8_t(crc);
-        area[at + 9] = uint8_t(crc >> 8);
-        area[at + 10] = uint8_t(next);
-        area[at + 11] = uint8_t(next >> 8);
+        const uint64_t lo = id | uint64_t(len) << 32;
+        for (int i = 0; i < 8; ++i) area[at + i] = uint8_t(lo >> (8 * i));
+        for (int i = 0; i < 4; ++i) area[at + 8 + i] = uint8_t((crc | uint32_t(next) << 16) >> (8 * i));
     };
     header(16, 0x55AA0042, 0, 0, 0xFFFF);
     storage().set_config_area(area);

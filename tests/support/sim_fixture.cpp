@@ -25,6 +25,13 @@ std::vector<TraceEntry> TraceLog::sends() {
     return out;
 }
 
+std::vector<TraceEntry> TraceLog::sends(uint32_t command) {
+    std::vector<TraceEntry> out;
+    for (auto& e : sends())
+        if (e.command == command) out.push_back(e);
+    return out;
+}
+
 std::vector<TraceEntry> TraceLog::gets() {
     std::vector<TraceEntry> out;
     for (auto& e : entries())

@@ -31,6 +31,8 @@ public:
     std::vector<TraceEntry> entries();
     // Requests only (sends), in order.
     std::vector<TraceEntry> sends();
+    // Requests with this command only.
+    std::vector<TraceEntry> sends(uint32_t command);
     std::vector<TraceEntry> gets();
     void clear();
 
