@@ -1,15 +1,18 @@
-// Helpers shared by the DBC tests: temporary files, a stand-in open adapter and
-// the corpus location.
+// Helpers shared by the DBC tests: temporary files, a stand-in open adapter, short
+// forms of the exported calls and the corpus location.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "database/dbc_decoder.h"
 #include "polybus/dbc.h"
@@ -24,19 +27,13 @@ public:
         char name[] = "/tmp/polybus_dbc_XXXXXX";
         int fd = ::mkstemp(name);
         if (fd < 0) std::abort();
-        size_t done = 0;
-        while (done < text.size()) {
-            ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-            if (n <= 0) std::abort();
-            done += static_cast<size_t>(n);
-        }
+        if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) std::abort();
         ::close(fd);
         path_ = name;
     }
     ~TempFile() { ::unlink(path_.c_str()); }
     TempFile(const TempFile&) = delete;
     TempFile& operator=(const TempFile&) = delete;
-    const std::string& path() const { return path_; }
     const char* c_str() const { return path_.c_str(); }
 
 private:
@@ -61,34 +58,65 @@ private:
     UsbDevNode* node_;
 };
 
-inline std::string corpus_file(const char* name) {
-    return std::string(POLYBUS_CORPUS_DIR) + "/dbc/" + name;
-}
+inline std::string corpus_file(const char* name) { return std::string(POLYBUS_CORPUS_DIR) + "/dbc/" + name; }
 
 inline bool file_exists(const std::string& path) {
     struct stat st;
     return ::stat(path.c_str(), &st) == 0;
 }
 
-#define DBC_REQUIRE_CORPUS(path)                                                           \
-    do {                                                                                   \
-        if (!dbc_test::file_exists(path)) GTEST_SKIP() << "corpus file not found: " << (path); \
-    } while (0)
-
 // Parses text through a real file, as DBC_ParserFile does.
 inline std::unique_ptr<DBC_Decoder> parse(const std::string& text) {
     TempFile f(text);
-    return std::make_unique<DBC_Decoder>(f.path(), "GBK");
+    return std::make_unique<DBC_Decoder>(f.c_str(), "GBK");
 }
 
-inline const DBC_MESSAGE* message(DBC_Decoder& db, const char* name) {
+inline DBC_Decoder& db_of(uint64_t h) { return *reinterpret_cast<DBC_Decoder*>(static_cast<uintptr_t>(h)); }
+
+inline DBC_MESSAGE* message(DBC_Decoder& db, const char* name) {
     DBC_MESSAGE* m = nullptr;
     return db.getMessage(name, &m) ? m : nullptr;
 }
 
-inline const DBC_SIGNAL* signal(DBC_Decoder& db, const char* msg, const char* sig) {
+inline DBC_SIGNAL* signal(DBC_Decoder& db, const char* msg, const char* sig) {
     DBC_SIGNAL* s = nullptr;
     return db.getSignal(msg, sig, &s) ? s : nullptr;
 }
+
+// The exported calls that a test expects to succeed, in one line each.
+inline double value(uint64_t h, const char* msg, const char* sig) {
+    double v = -12345.5;
+    EXPECT_EQ(DBC_GetSignalValue(h, msg, sig, &v), 0) << msg << "." << sig;
+    return v;
+}
+
+inline std::string text(uint64_t h, const char* msg, const char* sig) {
+    char t[DBC_MAX_VALUE_TEXT_LEN + 1] = "";
+    EXPECT_EQ(DBC_GetSignalValueStr(h, msg, sig, t), 0) << msg << "." << sig;
+    return t;
+}
+
+inline CAN_MSG build(uint64_t h, const char* msg) {
+    CAN_MSG can{};
+    EXPECT_EQ(DBC_SyncValueToCANMsg(h, msg, &can), 0) << msg;
+    return can;
+}
+
+inline CANFD_MSG build_fd(uint64_t h, const char* msg) {
+    CANFD_MSG fd{};
+    EXPECT_EQ(DBC_SyncValueToCANFDMsg(h, msg, &fd), 0) << msg;
+    return fd;
+}
+
+// Decodes one classic frame with these identifier, flag and first data bytes.
+inline void decode(uint64_t h, uint32_t id, uint8_t ext, std::initializer_list<uint8_t> bytes) {
+    CAN_MSG can{};
+    can.ID = id;
+    can.ExternFlag = ext;
+    std::copy(bytes.begin(), bytes.end(), can.Data);
+    EXPECT_EQ(DBC_SyncCANMsgToValue(h, &can, 1), 0) << id;
+}
+
+inline std::vector<uint8_t> data(const CAN_MSG& can) { return std::vector<uint8_t>(can.Data, can.Data + 8); }
 
 }  // namespace dbc_test

@@ -1,5 +1,6 @@
 // DBC signal codec: bit placement, physical <-> raw conversion, and the word-wide
-// frame paths checked against the bit-by-bit rules.
+// frame paths checked against the bit-by-bit rules (which also cover fields reaching
+// past the frame, past byte 63 and longer than 64 bits).
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -9,21 +10,6 @@
 #include "dbc_test_util.h"
 
 namespace {
-
-DBC_SIGNAL make_signal(uint16_t startBit, uint16_t length, ByteOrder order, bool isSigned = false,
-                       double factor = 1, double offset = 0, double minimum = -1e300, double maximum = 1e300) {
-    DBC_SIGNAL s;
-    s.name = "S";
-    s.startBit = startBit;
-    s.length = length;
-    s.byteOrder = order;
-    s.isSigned = isSigned ? 1 : 0;
-    s.factor = factor;
-    s.offset = offset;
-    s.minimum = minimum;
-    s.maximum = maximum;
-    return s;
-}
 
 // --- bit placement -------------------------------------------------------------
 
@@ -54,137 +40,106 @@ TEST(DbcCodecBits, MotorolaAndIntelFieldsAndTheBitsAroundThem) {
     EXPECT_EQ(byte, 0x8E);
 }
 
-TEST(DbcCodecBits, ReadingGathersOnlyTheBytesTheFieldNeeds) {
-    uint8_t data[64];
-    for (int i = 0; i < 64; ++i) data[i] = static_cast<uint8_t>(0x11 * (i % 15 + 1));
-    // Intel from byte 62: byte 63 is added, never anything past it; from bit 504 on
-    // nothing further is looked at.
-    EXPECT_EQ(DBC_Decoder::arrayValueToRaw(500, 16, data, Intel), (((uint64_t)data[63] << 8 | data[62]) >> 4) & 0xFFFF);
-    EXPECT_EQ(DBC_Decoder::arrayValueToRaw(506, 16, data, Intel), (uint64_t)data[63] >> 2);
-    // A Motorola field starting in byte 0 has no earlier byte to take.
-    EXPECT_EQ(DBC_Decoder::arrayValueToRaw(2, 16, data, Motorola), (uint64_t)data[0] >> 2);
-    // 64 bits from bit 4: the accumulator holds 8 bytes, the ninth is lost.
-    uint64_t le = 0;
-    for (int i = 7; i >= 0; --i) le = le << 8 | data[i];
-    EXPECT_EQ(DBC_Decoder::arrayValueToRaw(4, 64, data, Intel), le >> 4);
-    EXPECT_EQ(DBC_Decoder::arrayValueToRaw(600, 8, data, Intel), 0u);
-    EXPECT_EQ(DBC_Decoder::GetDataMask(0), 0u);
-    EXPECT_EQ(DBC_Decoder::GetDataMask(12), 0xFFFu);
-    EXPECT_EQ(DBC_Decoder::GetDataMask(64), ~0ull);
-    EXPECT_EQ(DBC_Decoder::GetDataMask(200), ~0ull);
-}
-
 // --- physical values -----------------------------------------------------------
 
-TEST(DbcCodecPhysical, ClampingThenRoundingHalvesAwayFromZero) {
-    DBC_SIGNAL s = make_signal(0, 8, Intel, false, 1, 0, 0, 100);
-    DBC_Decoder::setSignalRealValue(s, 2.5);
-    EXPECT_EQ(s.rawValue, 3u);
-    DBC_Decoder::setSignalRealValue(s, 2.4999999);
-    EXPECT_EQ(s.rawValue, 2u);
-    DBC_Decoder::setSignalRealValue(s, 1000);
-    EXPECT_EQ(s.rawValue, 100u);
-    DBC_Decoder::setSignalRealValue(s, -7);
-    EXPECT_EQ(s.rawValue, 0u);
-    // A [0|0] range clamps every value to 0.
-    DBC_SIGNAL zero = make_signal(0, 8, Intel, false, 1, 0, 0, 0);
-    DBC_Decoder::setSignalRealValue(zero, 55);
-    EXPECT_EQ(zero.rawValue, 0u);
-    // Scale and offset: raw = (value - offset) / factor.
-    DBC_SIGNAL scaled = make_signal(0, 12, Intel, false, 0.01, 250, 229.52, 270.47);
-    DBC_Decoder::setSignalRealValue(scaled, 260.006);
-    EXPECT_EQ(scaled.rawValue, 1001u);
-    EXPECT_NEAR(DBC_Decoder::getSignalRealValue(scaled), 260.01, 1e-9);
+// A signal's conversion parameters: length, signedness, value type (0 integer, 1
+// single, 2 double, other: none), factor, offset and range.
+struct Params {
+    uint16_t length;
+    bool isSigned;
+    uint32_t valueType;
+    double factor, offset, minimum, maximum;
+    DBC_SIGNAL signal() const {
+        DBC_SIGNAL s;
+        s.byteOrder = Intel;
+        s.length = length;
+        s.isSigned = isSigned;
+        s.valueType = valueType;
+        s.factor = factor;
+        s.offset = offset;
+        s.minimum = minimum;
+        s.maximum = maximum;
+        return s;
+    }
+};
+constexpr double kBig = 1e300;
+const Params kU8{8, false, 0, 1, 0, -kBig, kBig}, kS8{8, true, 0, 1, 0, -kBig, kBig};
+const Params kU64{64, false, 0, 1, 0, -kBig, kBig}, kS64{64, true, 0, 1, 0, -kBig, kBig};
+const Params kU4{4, false, 0, 1, 0, -kBig, kBig}, kScaled{12, false, 0, 0.01, 250, 229.52, 270.47};
+const Params kSingle{32, true, 1, 2, 100, -kBig, kBig}, kDouble{64, true, 2, 2, 100, -kBig, kBig};
+const Params kUnsignedSingle{32, false, 1, 2, 100, -kBig, kBig}, kOtherType{8, true, 3, 1, 5, -kBig, kBig};
+
+TEST(DbcCodecPhysical, SettingAValueStoresTheRawValue) {
+    const struct {
+        Params p;
+        double value;
+        uint64_t raw;  // rawValue afterwards; it holds 9 before
+    } rows[] = {
+        // Clamped to the range first, then rounded half away from zero: raw = (value - offset) / factor.
+        {{8, false, 0, 1, 0, 0, 100}, 2.5, 3},
+        {{8, false, 0, 1, 0, 0, 100}, 2.4999999, 2},
+        {{8, false, 0, 1, 0, 0, 100}, 1000, 100},
+        {{8, false, 0, 1, 0, 0, 100}, -7, 0},
+        {{8, false, 0, 1, 0, 0, 0}, 55, 0},  // [0|0] clamps everything to 0
+        {kScaled, 260.006, 1001},
+        // Signed integers are masked to their length; unsigned ones are stored unmasked.
+        {kS8, -2.5, 0xFD},
+        {kS64, -9.0e18, static_cast<uint64_t>(-9000000000000000000ll)},
+        {kS64, -kBig, 0x8000000000000000u},
+        {kU4, 20, 20},
+        {kU4, -3, static_cast<uint64_t>(-3)},
+        // IEEE values without scaling, for signed signals only.
+        {kSingle, 1.5, 0x3FC00000u},
+        {kSingle, kBig, 0x7F800000u},  // +infinity as a single
+        {kDouble, -0.25, 0xBFD0000000000000u},
+        {kUnsignedSingle, 104, 2},
+        {kOtherType, 1, 9},  // stores nothing
+        // Non-finite and huge values.
+        {kU64, std::numeric_limits<double>::quiet_NaN(), 0},  // NaN passes the clamps
+        {kU64, 1e30, UINT64_MAX},
+        {kU64, 1.8446744073709550e19, 18446744073709549568u},
+        {{8, false, 0, 0, 0, -kBig, kBig}, 5, UINT64_MAX},  // factor 0
+    };
+    for (const auto& r : rows) {
+        DBC_SIGNAL s = r.p.signal();
+        s.rawValue = 9;
+        DBC_Decoder::setSignalRealValue(s, r.value);
+        EXPECT_EQ(s.rawValue, r.raw) << "length " << r.p.length << " type " << r.p.valueType << " value " << r.value;
+    }
 }
 
-TEST(DbcCodecPhysical, SignedIntegersAreMaskedToTheirLength) {
-    DBC_SIGNAL s = make_signal(0, 8, Intel, true);
-    DBC_Decoder::setSignalRealValue(s, -2.5);
-    EXPECT_EQ(s.rawValue, 0xFDu);  // -3 & 0xFF
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(s), -3);
-    s.rawValue = 0xFF;
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(s), -1);
-    s.factor = 0.5;
-    s.offset = 10;
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(s), 9.5);
-    DBC_SIGNAL u = make_signal(0, 8, Intel, false, 0.5, 10);
-    u.rawValue = 0xFF;
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(u), 255 * 0.5 + 10);
-    DBC_SIGNAL wide = make_signal(0, 64, Intel, true);
-    wide.rawValue = ~0ull;
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(wide), -1);
-    DBC_Decoder::setSignalRealValue(wide, -9.0e18);
-    EXPECT_EQ(static_cast<int64_t>(wide.rawValue), -9000000000000000000ll);
-}
-
-TEST(DbcCodecPhysical, UnsignedValuesAreStoredUnmaskedAndMaskedWhenRead) {
-    DBC_SIGNAL s = make_signal(0, 4, Intel);
-    DBC_Decoder::setSignalRealValue(s, 20);
-    EXPECT_EQ(s.rawValue, 20u);  // not cut to 4 bits when stored
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(s), 4);  // 20 & 0xF
-    EXPECT_EQ(s.rawValue, 4u);  // reading cuts the stored value
-    EXPECT_EQ(DBC_Decoder::getSignalRawValue(s, 20), 4u);
-    // A negative raw value of an unsigned signal wraps to two's complement.
-    DBC_Decoder::setSignalRealValue(s, -3);
-    EXPECT_EQ(s.rawValue, static_cast<uint64_t>(-3));
-}
-
-TEST(DbcCodecPhysical, FloatAndDoubleOnlyForSignedSignals) {
-    DBC_SIGNAL f = make_signal(0, 32, Intel, true, 2, 100);
-    f.valueType = 1;
-    DBC_Decoder::setSignalRealValue(f, 1.5);
-    EXPECT_EQ(f.rawValue, 0x3FC00000u);  // IEEE single of 1.5, no scaling
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(f), 1.5);
-    DBC_SIGNAL d = make_signal(0, 64, Intel, true, 2, 100);
-    d.valueType = 2;
-    DBC_Decoder::setSignalRealValue(d, -0.25);
-    EXPECT_EQ(d.rawValue, 0xBFD0000000000000u);
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(d), -0.25);
-    // Declared unsigned: scaled as an integer although SIG_VALTYPE_ said float.
-    DBC_SIGNAL u = make_signal(0, 32, Intel, false, 2, 100);
-    u.valueType = 1;
-    DBC_Decoder::setSignalRealValue(u, 104);
-    EXPECT_EQ(u.rawValue, 2u);
-    u.rawValue = 0x3FC00000u;
-    EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(u), 0x3FC00000 * 2.0 + 100);
-    // Any other value type of a signed signal stores nothing and reads 0.
-    DBC_SIGNAL other = make_signal(0, 8, Intel, true, 1, 5);
-    other.valueType = 3;
-    other.rawValue = 9;
-    DBC_Decoder::setSignalRealValue(other, 1);
-    EXPECT_EQ(other.rawValue, 9u);
-    EXPECT_EQ(DBC_Decoder::getSignalRealValue(other), 0);
-    EXPECT_EQ(DBC_Decoder::getSignalRawValue(other, 1), 0u);
-}
-
-TEST(DbcCodecPhysical, RawValueWithoutClampingIsMasked) {
-    DBC_SIGNAL s = make_signal(0, 8, Intel, false, 1, 0, 0, 10);
-    EXPECT_EQ(DBC_Decoder::getSignalRawValue(s, 300), 300u & 0xFF);
-    DBC_SIGNAL f = make_signal(0, 16, Intel, true, 1, 0, 0, 0);
-    f.valueType = 1;
-    EXPECT_EQ(DBC_Decoder::getSignalRawValue(f, 1.5), 0x3FC00000u & 0xFFFF);
-    EXPECT_EQ(s.rawValue, 0u);  // nothing stored
-}
-
-TEST(DbcCodecPhysical, NonFiniteAndHugeValuesConvertWithoutTrouble) {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    DBC_SIGNAL s = make_signal(0, 64, Intel);
-    DBC_Decoder::setSignalRealValue(s, nan);  // NaN passes the clamps
-    EXPECT_EQ(s.rawValue, 0u);
-    DBC_Decoder::setSignalRealValue(s, 1e30);
-    EXPECT_EQ(s.rawValue, UINT64_MAX);
-    DBC_Decoder::setSignalRealValue(s, 1.8446744073709550e19);
-    EXPECT_EQ(s.rawValue, 18446744073709549568u);
-    DBC_SIGNAL z = make_signal(0, 8, Intel, false, 0);  // factor 0
-    DBC_Decoder::setSignalRealValue(z, 5);
-    EXPECT_EQ(z.rawValue, UINT64_MAX);
-    DBC_SIGNAL sg = make_signal(0, 64, Intel, true);
-    DBC_Decoder::setSignalRealValue(sg, -1e300);
-    EXPECT_EQ(sg.rawValue, 0x8000000000000000u);
-    DBC_SIGNAL f = make_signal(0, 32, Intel, true);
-    f.valueType = 1;
-    DBC_Decoder::setSignalRealValue(f, 1e300);
-    EXPECT_EQ(f.rawValue, 0x7F800000u);  // +infinity as a single
+TEST(DbcCodecPhysical, ReadingARawValue) {
+    const struct {
+        Params p;
+        uint64_t raw;
+        double value;
+        uint64_t rawAfter;  // reading cuts the stored value to the length
+    } rows[] = {
+        {kS8, 0xFD, -3, 0xFD},
+        {kS8, 0xFF, -1, 0xFF},
+        {{8, true, 0, 0.5, 10, -kBig, kBig}, 0xFF, 9.5, 0xFF},
+        {{8, false, 0, 0.5, 10, -kBig, kBig}, 0xFF, 255 * 0.5 + 10, 0xFF},
+        {kS64, ~0ull, -1, ~0ull},
+        {kU4, 20, 4, 4},
+        {kScaled, 1001, 1001 * 0.01 + 250, 1001},
+        {kSingle, 0x3FC00000u, 1.5, 0x3FC00000u},
+        {kDouble, 0xBFD0000000000000u, -0.25, 0xBFD0000000000000u},
+        {kUnsignedSingle, 0x3FC00000u, 0x3FC00000 * 2.0 + 100, 0x3FC00000u},  // declared unsigned: scaled
+        {kOtherType, 9, 0, 9},
+    };
+    for (const auto& r : rows) {
+        DBC_SIGNAL s = r.p.signal();
+        s.rawValue = r.raw;
+        EXPECT_DOUBLE_EQ(DBC_Decoder::getSignalRealValue(s), r.value) << "raw " << r.raw;
+        EXPECT_EQ(s.rawValue, r.rawAfter) << "raw " << r.raw;
+    }
+    // The raw value of a physical one, without clamping, masked, nothing stored.
+    DBC_SIGNAL u = Params{8, false, 0, 1, 0, 0, 10}.signal();
+    EXPECT_EQ(DBC_Decoder::getSignalRawValue(u, 300), 300u & 0xFF);
+    EXPECT_EQ(DBC_Decoder::getSignalRawValue(kU4.signal(), 20), 4u);
+    EXPECT_EQ(DBC_Decoder::getSignalRawValue(Params{16, true, 1, 1, 0, 0, 0}.signal(), 1.5), 0x3FC00000u & 0xFFFF);
+    EXPECT_EQ(DBC_Decoder::getSignalRawValue(kOtherType.signal(), 1), 0u);
+    EXPECT_EQ(u.rawValue, 0u);
 }
 
 // --- frames through the exported functions, against the bit-by-bit rules ----------
@@ -228,13 +183,20 @@ class DbcCodecFrames : public ::testing::Test {
 protected:
     static constexpr uint32_t kDevice = 0x53C0DEC0;
     dbc_test::FakeDevice device_{kDevice};
+    uint64_t h = 0;
 
-    uint64_t load(const std::string& text) {
+    void load(const std::string& text) {
         dbc_test::TempFile f(text);
-        return DBC_ParserFile(static_cast<int>(kDevice), f.c_str());
+        h = DBC_ParserFile(static_cast<int>(kDevice), f.c_str());
+        ASSERT_NE(h, 0u);
     }
-    static DBC_Decoder& db_of(uint64_t h) { return *reinterpret_cast<DBC_Decoder*>(static_cast<uintptr_t>(h)); }
+    void set(const char* msg, const char* sig, double v) { ASSERT_EQ(DBC_SetSignalValue(h, msg, sig, v), 0) << sig; }
 };
+
+using dbc_test::build;
+using dbc_test::data;
+using dbc_test::value;
+using Bytes = std::vector<uint8_t>;
 
 TEST_F(DbcCodecFrames, RandomLayoutsMatchTheBitRules) {
     std::mt19937_64 rng(20240611);
@@ -252,18 +214,17 @@ TEST_F(DbcCodecFrames, RandomLayoutsMatchTheBitRules) {
                     order + "+ (1,0) [0|0] \"\" N\n";
         }
     }
-    const uint64_t h = load(text);
-    ASSERT_NE(h, 0u);
-    DBC_Decoder& db = db_of(h);
+    load(text);
+    DBC_Decoder& db = dbc_test::db_of(h);
     ASSERT_EQ(db.messages.size(), static_cast<size_t>(kMessages));
     for (int round = 0; round < 20; ++round) {
         for (DBC_MESSAGE& msg : db.messages) {
-            // Building.
+            // Building: only the data bytes change.
             for (DBC_SIGNAL& s : msg.signals) s.rawValue = rng();
             CAN_MSG can;
             std::memset(&can, 0xA5, sizeof can);
             ASSERT_EQ(DBC_SyncValueToCANMsg(h, msg.name.c_str(), &can), 0);
-            uint8_t expect[8] = {};
+            uint8_t expect[64] = {};
             for (const DBC_SIGNAL& s : msg.signals) reference_write(s.rawValue, s, expect, 8);
             ASSERT_EQ(std::memcmp(can.Data, expect, 8), 0) << msg.name;
             EXPECT_EQ(can.TimeStamp, 0xA5A5A5A5u);
@@ -271,9 +232,9 @@ TEST_F(DbcCodecFrames, RandomLayoutsMatchTheBitRules) {
             CANFD_MSG fd;
             std::memset(&fd, 0x5A, sizeof fd);
             ASSERT_EQ(DBC_SyncValueToCANFDMsg(h, msg.name.c_str(), &fd), 0);
-            uint8_t expect_fd[64] = {};
-            for (const DBC_SIGNAL& s : msg.signals) reference_write(s.rawValue, s, expect_fd, 64);
-            ASSERT_EQ(std::memcmp(fd.Data, expect_fd, 64), 0) << msg.name;
+            std::memset(expect, 0, sizeof expect);
+            for (const DBC_SIGNAL& s : msg.signals) reference_write(s.rawValue, s, expect, 64);
+            ASSERT_EQ(std::memcmp(fd.Data, expect, 64), 0) << msg.name;
             // Decoding.
             CAN_MSG in{};
             in.ID = msg.id;
@@ -292,15 +253,11 @@ TEST_F(DbcCodecFrames, RandomLayoutsMatchTheBitRules) {
 }
 
 TEST_F(DbcCodecFrames, FieldsPastTheFrameTouchNothingOutside) {
-    const uint64_t h = load(
-        "BO_ 1 Far: 8 N\n"
-        " SG_ Intel : 100|16@1+ (1,0) [0|65535] \"\" N\n"
-        " SG_ Moto : 600|16@0+ (1,0) [0|65535] \"\" N\n"
-        " SG_ Edge : 60|16@1+ (1,0) [0|65535] \"\" N\n");
-    ASSERT_NE(h, 0u);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Far", "Intel", 0xFFFF), 0);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Far", "Moto", 0xFFFF), 0);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Far", "Edge", 0xFFFF), 0);
+    load("BO_ 1 Far: 8 N\n"
+         " SG_ Intel : 100|16@1+ (1,0) [0|65535] \"\" N\n"
+         " SG_ Moto : 600|16@0+ (1,0) [0|65535] \"\" N\n"
+         " SG_ Edge : 60|16@1+ (1,0) [0|65535] \"\" N\n");
+    for (const char* sig : {"Intel", "Moto", "Edge"}) set("Far", sig, 0xFFFF);
     CAN_MSG frames[3];
     std::memset(frames, 0xEE, sizeof frames);
     ASSERT_EQ(DBC_SyncValueToCANMsg(h, "Far", &frames[1]), 0);
@@ -309,100 +266,58 @@ TEST_F(DbcCodecFrames, FieldsPastTheFrameTouchNothingOutside) {
     for (size_t i = 2 * sizeof(CAN_MSG); i < sizeof frames; ++i) EXPECT_EQ(bytes[i], 0xEE) << i;
     EXPECT_EQ(frames[1].Data[7], 0xF0);  // only the 4 bits of Edge inside the frame
     EXPECT_EQ(frames[1].TimeStampHigh, 0xEE);
-
-    frames[1].ID = 1;
-    frames[1].ExternFlag = 0;
-    std::memset(frames[1].Data, 0xFF, 8);
-    ASSERT_EQ(DBC_SyncCANMsgToValue(h, &frames[1], 1), 0);
-    double v = -1;
-    ASSERT_EQ(DBC_GetSignalValue(h, "Far", "Intel", &v), 0);
-    EXPECT_EQ(v, 0);
-    ASSERT_EQ(DBC_GetSignalValue(h, "Far", "Edge", &v), 0);
-    EXPECT_EQ(v, 0xF);
+    dbc_test::decode(h, 1, 0, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
+    EXPECT_EQ(value(h, "Far", "Intel"), 0);
+    EXPECT_EQ(value(h, "Far", "Edge"), 0xF);
 }
 
 TEST_F(DbcCodecFrames, MultiplexedFramesCarryTheSelectedPageOnly) {
-    const uint64_t h = load(
-        "BO_ 2148676694 Mux: 8 N\n"
-        " SG_ Plain : 56|8@1+ (1,0) [0|255] \"\" N\n"
-        " SG_ Page3A m3 : 8|8@1+ (1,0) [0|255] \"\" N\n"
-        " SG_ Page5A m5 : 8|8@1+ (1,0) [0|255] \"\" N\n"
-        " SG_ Page3B m3 : 16|8@1+ (1,0) [0|255] \"\" N\n"
-        " SG_ Selector M : 0|8@1+ (1,0) [0|255] \"\" N\n"
-        " SG_ Page5B m5 : 24|8@1+ (1,0) [0|255] \"\" N\n");
-    ASSERT_NE(h, 0u);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Mux", "Plain", 0x77), 0);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Mux", "Page5A", 0x55), 0);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Mux", "Page5B", 0x56), 0);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Mux", "Page3A", 0x33), 0);  // selects page 3
-    ASSERT_EQ(DBC_SetSignalValue(h, "Mux", "Page3B", 0x34), 0);
-    double sel = 0;
-    ASSERT_EQ(DBC_GetSignalValue(h, "Mux", "Selector", &sel), 0);
-    EXPECT_EQ(sel, 3);
-    CAN_MSG can{};
-    ASSERT_EQ(DBC_SyncValueToCANMsg(h, "Mux", &can), 0);
-    const uint8_t page3[8] = {3, 0x33, 0x34, 0, 0, 0, 0, 0x77};
-    EXPECT_EQ(std::memcmp(can.Data, page3, 8), 0);
+    load("BO_ 2148676694 Mux: 8 N\n"
+         " SG_ Plain : 56|8@1+ (1,0) [0|255] \"\" N\n"
+         " SG_ Page3A m3 : 8|8@1+ (1,0) [0|255] \"\" N\n"
+         " SG_ Page5A m5 : 8|8@1+ (1,0) [0|255] \"\" N\n"
+         " SG_ Page3B m3 : 16|8@1+ (1,0) [0|255] \"\" N\n"
+         " SG_ Selector M : 0|8@1+ (1,0) [0|255] \"\" N\n"
+         " SG_ Page5B m5 : 24|8@1+ (1,0) [0|255] \"\" N\n"
+         "BO_ 77 Wide: 8 N\n"
+         " SG_ Switch M : 0|8@1+ (1,0) [0|70000] \"\" N\n"
+         " SG_ Big m65539 : 8|8@1+ (1,0) [0|255] \"\" N\n"
+         " SG_ Small m3 : 16|8@1+ (1,0) [0|255] \"\" N\n");
+    set("Mux", "Plain", 0x77);
+    set("Mux", "Page5A", 0x55);
+    set("Mux", "Page5B", 0x56);
+    set("Mux", "Page3A", 0x33);  // selects page 3
+    set("Mux", "Page3B", 0x34);
+    EXPECT_EQ(value(h, "Mux", "Selector"), 3);
+    const CAN_MSG can = build(h, "Mux");
+    EXPECT_EQ(data(can), Bytes({3, 0x33, 0x34, 0, 0, 0, 0, 0x77}));
     EXPECT_EQ(can.ID, 0x00123456u);
     EXPECT_EQ(can.ExternFlag, 1);
-
-    ASSERT_EQ(DBC_SetSignalValue(h, "Mux", "Selector", 5), 0);
-    ASSERT_EQ(DBC_SyncValueToCANMsg(h, "Mux", &can), 0);
-    const uint8_t page5[8] = {5, 0x55, 0, 0x56, 0, 0, 0, 0x77};
-    EXPECT_EQ(std::memcmp(can.Data, page5, 8), 0);
-
+    set("Mux", "Selector", 5);
+    EXPECT_EQ(data(build(h, "Mux")), Bytes({5, 0x55, 0, 0x56, 0, 0, 0, 0x77}));
     // Decoding ignores the switch: every signal takes its bits.
-    CAN_MSG in{};
-    in.ID = 0x123456;
-    in.ExternFlag = 1;
-    const uint8_t bytes[8] = {3, 0xA1, 0xA2, 0xA3, 0, 0, 0, 0xA7};
-    std::memcpy(in.Data, bytes, 8);
-    ASSERT_EQ(DBC_SyncCANMsgToValue(h, &in, 1), 0);
-    double v = 0;
-    DBC_GetSignalValue(h, "Mux", "Page5A", &v);
-    EXPECT_EQ(v, 0xA1);
-    DBC_GetSignalValue(h, "Mux", "Page5B", &v);
-    EXPECT_EQ(v, 0xA3);
-}
+    dbc_test::decode(h, 0x123456, 1, {3, 0xA1, 0xA2, 0xA3, 0, 0, 0, 0xA7});
+    EXPECT_EQ(value(h, "Mux", "Page5A"), 0xA1);
+    EXPECT_EQ(value(h, "Mux", "Page5B"), 0xA3);
 
-TEST_F(DbcCodecFrames, PagesAreTheLow16BitsOfTheMultiplexValue) {
-    const uint64_t h = load(
-        "BO_ 77 Wide: 8 N\n"
-        " SG_ Switch M : 0|8@1+ (1,0) [0|70000] \"\" N\n"
-        " SG_ Big m65539 : 8|8@1+ (1,0) [0|255] \"\" N\n"
-        " SG_ Small m3 : 16|8@1+ (1,0) [0|255] \"\" N\n");
-    ASSERT_NE(h, 0u);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Wide", "Small", 0x22), 0);
-    ASSERT_EQ(DBC_SetSignalValue(h, "Wide", "Big", 0x11), 0);  // selects page 65539 & 0xFFFF
-    double sel = 0;
-    ASSERT_EQ(DBC_GetSignalValue(h, "Wide", "Switch", &sel), 0);
-    EXPECT_EQ(sel, 3);
-    CAN_MSG can{};
-    ASSERT_EQ(DBC_SyncValueToCANMsg(h, "Wide", &can), 0);
-    const uint8_t both[8] = {3, 0x11, 0x22, 0, 0, 0, 0, 0};
-    EXPECT_EQ(std::memcmp(can.Data, both, 8), 0);
-    // The switch's whole raw value is compared: 65539 selects no page, although its
-    // low 8 bits in the frame read 3.
-    ASSERT_EQ(DBC_SetSignalValue(h, "Wide", "Switch", 65539), 0);
-    ASSERT_EQ(DBC_SyncValueToCANMsg(h, "Wide", &can), 0);
-    const uint8_t none[8] = {3, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(std::memcmp(can.Data, none, 8), 0);
+    // Pages are the low 16 bits of the multiplex value, compared with the switch's whole raw value.
+    set("Wide", "Small", 0x22);
+    set("Wide", "Big", 0x11);  // selects page 65539 & 0xFFFF
+    EXPECT_EQ(value(h, "Wide", "Switch"), 3);
+    EXPECT_EQ(data(build(h, "Wide")), Bytes({3, 0x11, 0x22, 0, 0, 0, 0, 0}));
+    set("Wide", "Switch", 65539);  // selects no page, although its low 8 bits in the frame read 3
+    EXPECT_EQ(data(build(h, "Wide")), Bytes({3, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST_F(DbcCodecFrames, OverlappingSignalsAreWrittenInFileOrder) {
-    const uint64_t h = load(
-        "BO_ 9 Over: 8 N\n"
-        " SG_ Wide : 0|16@1+ (1,0) [0|65535] \"\" N\n"
-        " SG_ Narrow : 4|4@1+ (1,0) [0|15] \"\" N\n"
-        " SG_ Moto : 7|8@0+ (1,0) [0|255] \"\" N\n");
-    ASSERT_NE(h, 0u);
-    DBC_SetSignalValue(h, "Over", "Wide", 0xFFFF);
-    DBC_SetSignalValue(h, "Over", "Narrow", 0);
-    DBC_SetSignalValue(h, "Over", "Moto", 0x81);
-    CAN_MSG can{};
-    ASSERT_EQ(DBC_SyncValueToCANMsg(h, "Over", &can), 0);
-    EXPECT_EQ(can.Data[0], 0x81);  // Moto, written last, covers byte 0
-    EXPECT_EQ(can.Data[1], 0xFF);
+    load("BO_ 9 Over: 8 N\n"
+         " SG_ Wide : 0|16@1+ (1,0) [0|65535] \"\" N\n"
+         " SG_ Narrow : 4|4@1+ (1,0) [0|15] \"\" N\n"
+         " SG_ Moto : 7|8@0+ (1,0) [0|255] \"\" N\n");
+    set("Over", "Wide", 0xFFFF);
+    set("Over", "Narrow", 0);
+    set("Over", "Moto", 0x81);
+    EXPECT_EQ(data(build(h, "Over")), Bytes({0x81, 0xFF, 0, 0, 0, 0, 0, 0}));  // Moto, written last, covers byte 0
 }
 
 }  // namespace

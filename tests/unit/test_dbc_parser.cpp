@@ -111,7 +111,7 @@ TEST(DbcParserSignals, FieldsUnitAndReceivers) {
     EXPECT_EQ(signal(*db, "M", "Three")->maximum, 0);
 }
 
-TEST(DbcParserSignals, MotorolaStartBitBecomesTheLeastSignificantBit) {
+TEST(DbcParserSignals, MotorolaStartBitAndMultiplexIndicators) {
     auto db = parse(
         "BO_ 1 M: 8 N\n"
         " SG_ A : 7|16@0+ (1,0) [0|0] \"\" N\n"
@@ -119,21 +119,17 @@ TEST(DbcParserSignals, MotorolaStartBitBecomesTheLeastSignificantBit) {
         " SG_ C : 15|12@0+ (1,0) [0|0] \"\" N\n"
         " SG_ E : 0|12@1+ (1,0) [0|0] \"\" N\n"
         " SG_ F : 63|64@0+ (1,0) [0|0] \"\" N\n"
-        " SG_ G : 5|0@0+ (1,0) [0|0] \"\" N\n");
+        " SG_ G : 5|0@0+ (1,0) [0|0] \"\" N\n"
+        " SG_ Mux M : 0|4@1+ (1,0) [0|15] \"\" N\n"
+        " SG_ Page3 m3 : 8|8@1+ (2,0) [0|100] \"km\" N\n"
+        " SG_ Both m1M : 16|4@1+ (1,0) [0|0] \"\" N\n");
     EXPECT_EQ(signal(*db, "M", "A")->startBit, 8);
     EXPECT_EQ(signal(*db, "M", "B")->startBit, 0);
     EXPECT_EQ(signal(*db, "M", "C")->startBit, 20);
     EXPECT_EQ(signal(*db, "M", "E")->startBit, 0);    // Intel: unchanged
     EXPECT_EQ(signal(*db, "M", "F")->startBit, 112);  // down to 56, then bit 0 of byte 14
     EXPECT_EQ(signal(*db, "M", "G")->startBit, 5);    // length 0 walks nowhere
-}
-
-TEST(DbcParserSignals, MultiplexIndicatorsAreTakenOutBeforeTheBitSpecification) {
-    auto db = parse(
-        "BO_ 1 M: 8 N\n"
-        " SG_ Mux M : 0|4@1+ (1,0) [0|15] \"\" N\n"
-        " SG_ Page3 m3 : 8|8@1+ (2,0) [0|100] \"km\" N\n"
-        " SG_ Both m1M : 16|4@1+ (1,0) [0|0] \"\" N\n");
+    // Multiplex indicators are taken out before the bit position field.
     EXPECT_EQ(signal(*db, "M", "Mux")->multiplexKind, 2u);
     const DBC_SIGNAL* p3 = signal(*db, "M", "Page3");
     EXPECT_EQ(p3->multiplexKind, 1u);
@@ -307,23 +303,6 @@ TEST(DbcParserLookups, FirstMatchAndIndexesThatFollowUpdates) {
     EXPECT_EQ(added->multiplexValue, 2u);
     EXPECT_EQ(added->unit, "a b");
     EXPECT_FALSE(db->updateMessage("Nope", copy));
-}
-
-TEST(DbcStringUtilities, SplitRemoveReplaceJoinTrim) {
-    using D = DBC_Decoder;
-    EXPECT_EQ(D::string_split("  a  b|c ", " |"), (std::vector<std::string>{"a", "b", "c"}));
-    EXPECT_EQ(D::split("a,,b,", ','), (std::vector<std::string>{"a", "", "b"}));
-    std::string t = "x;;y;z";
-    D::string_remove(t, ";");
-    EXPECT_EQ(t, "xyz");
-    t = "aXXbXXc";
-    D::string_replace_all(t, "XX", "-");
-    EXPECT_EQ(t, "a-b-c");
-    EXPECT_EQ(D::string_join({"a", "b", "c"}, ", "), "a, b, c");
-    t = "\"quoted\"";
-    D::trim(t, "\"");
-    EXPECT_EQ(t, "quoted");
-    EXPECT_EQ(D::GetDoubleQuoteNum("\"a\" \"b"), 3u);
 }
 
 }  // namespace
