@@ -428,5 +428,4 @@ TEST_P(CanTransfer, BadAnswersAndClosedHandles) {
     EXPECT_EQ(CAN_StartGetMsg(unknown, 0), -4);
     EXPECT_EQ(CAN_StopGetMsg(unknown, 0), -4);
     EXPECT_EQ(CAN_SendMsg(handle, 0, &m, 0), 0) << "nothing to send";
-    EXPECT_TRUE(adapter->received().size() > 0);
 }
