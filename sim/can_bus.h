@@ -29,6 +29,12 @@ inline int64_t bus_now_ns() {
         .count();
 }
 
+// How long a timer waits for an instant on the bus's time line (nothing when it is past).
+inline std::chrono::microseconds until_bus_ns(int64_t due_ns) {
+    const int64_t us = (due_ns - bus_now_ns()) / 1000;
+    return std::chrono::microseconds(us > 0 ? us : 0);
+}
+
 class BusNode {
 public:
     virtual ~BusNode() = default;

@@ -252,8 +252,7 @@ void CanPeer::send_at(const BusFrame& frame, int64_t due_ns) {
 // The timer that runs `due_ns` may fire late on a busy host.
 void CanPeer::send_later(const BusFrame& frame, int64_t due_ns) {
     std::weak_ptr<CanPeer> self = weak_from_this();
-    const int64_t wait_us = std::max<int64_t>(0, (due_ns - bus_now_ns()) / 1000);
-    timer_.after(std::chrono::microseconds(wait_us), [self, frame, due_ns] {
+    timer_.after(until_bus_ns(due_ns), [self, frame, due_ns] {
         if (auto p = self.lock()) p->send_at(frame, due_ns);
     });
 }
@@ -277,8 +276,7 @@ void CanPeer::periodic(BusFrame frame, int64_t period_us, int remaining, uint32_
     send_at(frame, due_ns);
     const int64_t next_ns = due_ns + period_us * 1000;
     std::weak_ptr<CanPeer> self = weak_from_this();
-    const int64_t wait_us = std::max<int64_t>(0, (next_ns - bus_now_ns()) / 1000);
-    timer_.after(std::chrono::microseconds(wait_us), [self, frame, period_us, remaining, generation, next_ns] {
+    timer_.after(until_bus_ns(next_ns), [self, frame, period_us, remaining, generation, next_ns] {
         if (auto p = self.lock()) p->periodic(frame, period_us, remaining < 0 ? -1 : remaining - 1, generation, next_ns);
     });
 }
@@ -612,9 +610,7 @@ void CanModel::schedule_step(int index, uint32_t generation, int64_t due_ns) {
     }
     if (!again) return;
     const int64_t next_ns = r.end_ns + int64_t(entry.pause_ms) * 1000000;
-    const int64_t wait_us = std::max<int64_t>(0, (next_ns - bus_now_ns()) / 1000);
-    adapter_.after(std::chrono::microseconds(wait_us),
-                   [this, index, generation, next_ns] { schedule_step(index, generation, next_ns); });
+    adapter_.after(until_bus_ns(next_ns), [this, index, generation, next_ns] { schedule_step(index, generation, next_ns); });
 }
 
 std::shared_ptr<CanModel::Tables> CanModel::stored_schedule(int index) {
@@ -711,11 +707,10 @@ void CanModel::on_classic_send(const Frame& f) {
         }
     }
     // The answer comes once the frames are out on the bus.
-    const int64_t wait_us = std::max<int64_t>(0, (last_end - bus_now_ns()) / 1000);
     const uint32_t code = f.command;
     Payload p;
     p.le32(accepted);
-    adapter_.after(std::chrono::microseconds(wait_us), [this, code, p] { adapter_.answer(code, p); });
+    adapter_.after(until_bus_ns(last_end), [this, code, p] { adapter_.answer(code, p); });
 }
 
 // ---- CAN FD adapter -----------------------------------------------------------------
