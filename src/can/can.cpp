@@ -124,7 +124,7 @@ POLYBUS_API int CAN_Init(int dev, unsigned char ch, CAN_INIT_CONFIG* cfg) {
     request.u8(ch).u8(0).u8(cfg->CAN_ABOM & 1u).u8(0).u8(cfg->CAN_NART & 1u).u8(cfg->CAN_RFLM & 1u)
         .u8(cfg->CAN_TXFP & 1u).u8(cfg->CAN_Mode).u8(segment_code(ch, cfg->CAN_SJW))
         .u8(segment_code(ch, cfg->CAN_BS1)).u8(segment_code(ch, cfg->CAN_BS2))
-        .u16(static_cast<uint16_t>(cfg->CAN_BRP));
+        .be16(static_cast<uint16_t>(cfg->CAN_BRP));
     const int rc = acknowledged(dev, request);
     if (rc != 0) return rc;
     const int slot = can_slot(dev);
@@ -154,8 +154,8 @@ POLYBUS_API int CAN_Filter_Init(int dev, unsigned char ch, CAN_FILTER_CONFIG* f)
         .u8(static_cast<uint8_t>(ch * 14 + f->FilterIndex % 14))
         .u8(f->FilterMode)
         .u8(1)  // 32-bit filter scale
-        .u32(filter_register(f->IdValue, f->IdIde, f->IdRtr, extended, true))
-        .u32(filter_register(f->MaskValue, f->MaskIde, f->MaskRtr, extended, mask_mode))
+        .be32(filter_register(f->IdValue, f->IdIde, f->IdRtr, extended, true))
+        .be32(filter_register(f->MaskValue, f->MaskIde, f->MaskRtr, extended, mask_mode))
         .u8(0)
         .u8(f->Enable);
     return acknowledged(dev, request);

@@ -55,26 +55,13 @@ inline const CAN_BRT_ENTRY* find_timing(const CAN_BRT_ENTRY* table, size_t rows,
     return nullptr;
 }
 
-// The classic-CAN table of a handle that is not a CAN FD adapter: model codes 0x4_ run
-// the controller at 42 MHz, all others at 100 MHz.
-inline const CAN_BRT_ENTRY* classic_table_of(int handle) {
-    return (static_cast<uint32_t>(handle) >> 28) == 0x4 ? CAN_BRT_TALMERA : CAN_BRT_ORVELIN;
-}
-
-// A command whose success is an empty answer.
-inline int acknowledged(int dev, Command& request) {
-    AnswerBuffer<16> answer;
-    const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
-    return answer.length == 0 ? 0 : -4;
-}
 
 // A command the adapter answers by echoing its one-byte argument (the relay state).
 inline int echoed_byte(int dev, Command& request, uint8_t sent) {
     AnswerBuffer<8> answer;
     const int rc = transact(dev, request, answer);
     if (rc != 0) return rc;
-    return answer.received >= 1 && answer.u8(0) == sent ? 0 : -4;
+    return expect_byte(answer, 0, sent);
 }
 
 Reception<CAN_MSG>& can_reception();

@@ -2,6 +2,7 @@
 // The rows are the values the adapter firmware expects, including a few whose
 // arithmetic does not give the listed rate: they are kept as they are.
 #include "can/can_internal.h"
+#include "device/adapter_models.h"
 
 using namespace polybus;
 
@@ -57,10 +58,9 @@ POLYBUS_API extern constexpr CAN_BRT_ENTRY CAN_BRT_QUENDRIX_DBT[23] = {
 };
 
 POLYBUS_API int CAN_GetCANSpeedArg(int dev, CAN_INIT_CONFIG* cfg, unsigned int bps) {
-    // Only the top four bits choose the table here: every 0x5_ model is a CAN FD kind.
-    const CAN_BRT_ENTRY* found = (static_cast<uint32_t>(dev) >> 28) == 0x5
-                                     ? find_timing(CAN_BRT_QUENDRIX_NBT, 17, bps)
-                                     : find_timing(classic_table_of(dev), 30, bps);
+    unsigned rows = 0;
+    const CAN_BRT_ENTRY* table = classic_can_timing(dev, &rows);
+    const CAN_BRT_ENTRY* found = find_timing(table, rows, bps);
     if (found == nullptr || cfg == nullptr) return -4;
     cfg->CAN_BRP = found->BRP;
     cfg->CAN_SJW = found->SJW;
@@ -76,8 +76,10 @@ POLYBUS_API int CAN_GetCANSpeedArg(int dev, CAN_INIT_CONFIG* cfg, unsigned int b
 
 POLYBUS_API int CANFD_GetCANSpeedArg(int dev, CANFD_INIT_CONFIG* cfg, unsigned int nominal_bps, unsigned int data_bps) {
     if (cfg == nullptr) return -4;
-    if ((static_cast<uint32_t>(dev) >> 28) != 0x5) {
-        const CAN_BRT_ENTRY* n = find_timing(classic_table_of(dev), 30, nominal_bps);
+    if (!is_canfd_series(dev)) {
+        unsigned rows = 0;
+        const CAN_BRT_ENTRY* table = classic_can_timing(dev, &rows);
+        const CAN_BRT_ENTRY* n = find_timing(table, rows, nominal_bps);
         if (n == nullptr) return -4;
         cfg->NBT_BRP = static_cast<uint8_t>(n->BRP);
         cfg->NBT_SEG1 = n->BS1;

@@ -19,20 +19,15 @@
 #include "can/frame_ring.h"
 #include "polybus/common.h"
 #include "transport/lock.h"
+#include "device/adapter_models.h"
+#include "transport/device_slots.h"
 #include "transport/usb_device.h"
 
 namespace polybus {
 
-inline int can_slot(int handle) {
-    const uint32_t slot = usb_list_get_index(static_cast<uint32_t>(handle));
-    return slot < static_cast<uint32_t>(POLYBUS_MAX_DEVICES) ? static_cast<int>(slot) : -1;
-}
+inline int can_slot(int handle) { return device_slot(handle); }
 
-// CAN FD adapters: model codes 0x53 and 0x54.
-inline bool is_canfd_handle(int handle) {
-    const uint32_t top = static_cast<uint32_t>(handle) & 0xFF000000u;
-    return top == 0x53000000u || top == 0x54000000u;
-}
+inline bool is_canfd_handle(int handle) { return is_canfd_model(handle); }
 
 template <typename Msg>
 class Reception {

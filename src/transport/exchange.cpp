@@ -5,36 +5,54 @@
 
 namespace polybus {
 
-int send_request(int DevHandle, Command& request, int send_ms, Route route) {
-    if (request.failed()) return -4;
-    USB_MSG msg{request.code(), request.size(), request.data()};
-    switch (route.pipe) {
-        case Pipe::Interrupt:
-            return MSG_SendInt(DevHandle, &msg, send_ms) == 0 ? 0 : -2;
-        case Pipe::CanFd:
-            return CANFD_MSG_Send(DevHandle, route.channel, &msg, send_ms) == 0 ? 0 : -2;
-        case Pipe::Bulk:
-        default:
-            return MSG_Send(DevHandle, &msg, send_ms) == 0 ? 0 : -2;
-    }
+Session::Session(int DevHandle) : handle_(DevHandle), held_(true) { lock(handle_); }
+
+Session::~Session() { release(); }
+
+void Session::release() {
+    if (!held_) return;
+    held_ = false;
+    unlock(handle_);
 }
 
-int get_answer(int DevHandle, Answer& answer, int get_ms) {
+int Session::send(Command& request, int send_ms, Route route) {
+    if (request.failed()) return kBadAnswer;
+    USB_MSG msg{request.code(), request.size(), request.data()};
+    int rc;
+    switch (route.pipe) {
+        case Pipe::Interrupt: rc = MSG_SendInt(handle_, &msg, send_ms); break;
+        case Pipe::CanFd: rc = CANFD_MSG_Send(handle_, route.channel, &msg, send_ms); break;
+        case Pipe::Bulk:
+        default: rc = MSG_Send(handle_, &msg, send_ms); break;
+    }
+    return rc == 0 ? kOk : kSendFailed;
+}
+
+int Session::get(Answer& answer, int get_ms) {
     USB_MSG msg{0, 0, answer.buffer()};
     size_t received = 0;
-    if (MSG_GetBounded(DevHandle, &msg, answer.capacity(), &received, get_ms) != 0) return -4;
+    if (MSG_GetBounded(handle_, &msg, answer.capacity(), &received, get_ms) != 0) return kBadAnswer;
     answer.command = msg.Command;
     answer.length = msg.Length;
     answer.received = received;
-    return 0;
+    return kOk;
+}
+
+int Session::exchange(Command& request, Answer& answer, Timing timing, Route route) {
+    const int rc = send(request, timing.send_ms, route);
+    if (rc != kOk) return rc;
+    return get(answer, timing.get_ms);
 }
 
 int transact(int DevHandle, Command& request, Answer& answer, Timing timing, Route route) {
-    if (request.failed()) return -4;
-    DeviceLock guard(DevHandle);
-    int rc = send_request(DevHandle, request, timing.send_ms, route);
-    if (rc != 0) return rc;
-    return get_answer(DevHandle, answer, timing.get_ms);
+    if (request.failed()) return kBadAnswer;
+    Session session(DevHandle);
+    return session.exchange(request, answer, timing, route);
+}
+
+bool vendor_request(int DevHandle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
+                    unsigned char* data, uint16_t wLength, unsigned TimeOutMs) {
+    return USBCtrlData(DevHandle, bmRequestType, bRequest, wValue, wIndex, data, wLength, TimeOutMs) == 1;
 }
 
 }  // namespace polybus

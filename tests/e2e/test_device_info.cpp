@@ -4,7 +4,7 @@
 
 #include "device_model.h"
 #include "sim_fixture.h"
-#include "transport/device_info.h"
+#include "device/device_info.h"
 
 using namespace polybus_sim;
 using namespace polybus_test;

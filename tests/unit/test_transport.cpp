@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "polybus/usb_device.h"
-#include "transport/device_info.h"
+#include "device/device_info.h"
 #include "transport/exchange.h"
 #include "transport/lock.h"
 #include "transport/usb_device.h"
@@ -19,7 +19,7 @@ using namespace polybus;
 
 TEST(Payload, FieldsAreBigEndianInOrder) {
     Command c(0x0806);
-    c.u32(0x00000005).u16(0x1234).u8(0xAB).bytes("xy", 2);
+    c.be32(0x00000005).be16(0x1234).u8(0xAB).bytes("xy", 2);
     ASSERT_EQ(c.size(), 9u);
     const uint8_t expect[] = {0, 0, 0, 5, 0x12, 0x34, 0xAB, 'x', 'y'};
     EXPECT_EQ(0, memcmp(c.data(), expect, sizeof(expect)));
@@ -27,7 +27,7 @@ TEST(Payload, FieldsAreBigEndianInOrder) {
 
 TEST(Payload, LargePayloadGoesToTheHeapAndOverflowIsCaught) {
     Command big(0x0107, 4 + 20480);
-    big.u32(0).bytes(nullptr, 20480);
+    big.be32(0).bytes(nullptr, 20480);
     EXPECT_FALSE(big.failed());
     EXPECT_EQ(big.size(), 20484u);
     // Writing past the reserved size must not scribble: the request is marked failed.

@@ -1,12 +1,16 @@
 #include "gpio_model.h"
 
+#include "wire/gpio.h"
+
 namespace polybus_sim {
 
+using namespace polybus::wire;
+
 GpioModel::GpioModel(Adapter& a) : adapter_(a) {
-    a.on(0x0600, [this](const Frame& f) { configure(f, Mode::Input); });
-    a.on(0x0601, [this](const Frame& f) { configure(f, Mode::Output); });
-    a.on(0x0602, [this](const Frame& f) { configure(f, Mode::OpenDrain); });
-    a.on(0x0603, [this](const Frame& f) {
+    a.on(GPIO_SET_INPUT, [this](const Frame& f) { configure(f, Mode::Input); });
+    a.on(GPIO_SET_OUTPUT, [this](const Frame& f) { configure(f, Mode::Output); });
+    a.on(GPIO_SET_OPEN_DRAIN, [this](const Frame& f) { configure(f, Mode::OpenDrain); });
+    a.on(GPIO_WRITE, [this](const Frame& f) {
         const uint32_t mask = f.be32(0), value = f.be32(4);
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -14,7 +18,7 @@ GpioModel::GpioModel(Adapter& a) : adapter_(a) {
         }
         adapter_.answer(f.command);
     });
-    a.on(0x0604, [this](const Frame& f) {
+    a.on(GPIO_READ, [this](const Frame& f) {
         const uint32_t mask = f.be32(0);
         uint32_t levels = 0;
         {
@@ -32,7 +36,7 @@ GpioModel::GpioModel(Adapter& a) : adapter_(a) {
         }
         adapter_.answer(f.command, Payload().be32(levels & mask));
     });
-    a.on(0x0806, [this](const Frame& f) {
+    a.on(GPIO_SEND_PULSES, [this](const Frame& f) {
         PulseTrain t{f.be32(0), f.be32(4), f.be32(8), f.be32(12)};
         double scale;
         {

@@ -1,10 +1,11 @@
 // Device information, user data, schedule storage and the keyed configuration area.
-#include "transport/device_info.h"
+#include "device/device_info.h"
 
 #include <bitset>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <unistd.h>
 #include <vector>
 
@@ -78,17 +79,15 @@ POLYBUS_API bool DEV_GetDeviceInfo(int dev, DEVICE_INFO* pInfo, char* pFunctionS
     const auto start = clock::now();
     const auto deadline = start + std::chrono::seconds(6);
     AnswerBuffer<sizeof(DEVICE_INFO)> info;
+    std::unique_ptr<Session> session;
     for (;;) {
-        // Every attempt holds the exchange lock from its request to the end of the
-        // call; between attempts it is released so the reset and reconnect can run.
-        lock(dev);
+        // Every attempt holds the device from its request to the end of the call;
+        // between attempts it is released so the reset and reconnect can run.
+        session.reset(new Session(dev));
         Command request(0x0100);
-        if (send_request(dev, request, 100) != 0) {
-            unlock(dev);
-            return false;
-        }
-        if (get_answer(dev, info, 100) == 0 && info.length >= 1 && info.command == 0x0100) break;
-        unlock(dev);
+        if (session->send(request, 100) != kOk) return false;
+        if (session->get(info, 100) == kOk && info.length >= 1 && info.command == 0x0100) break;
+        session.reset();
         // The adapter did not answer: restart it and wait for it to come back at the
         // same bus address, for as long as the overall budget lasts.
         reset_dev(dev);
@@ -99,17 +98,16 @@ POLYBUS_API bool DEV_GetDeviceInfo(int dev, DEVICE_INFO* pInfo, char* pFunctionS
     }
     if (pInfo != nullptr) {
         std::memset(pInfo, 0, sizeof(DEVICE_INFO));
-        std::memcpy(pInfo, info.buffer(), info.received);
+        info.copy_to(pInfo, sizeof(DEVICE_INFO));
     }
     if (pFunctionString != nullptr) {
         Command request(0x0106);
         Answer text(pFunctionString, POLYBUS_FUNCTION_STRING_SIZE - 1);
         size_t end = 0;
-        if (send_request(dev, request, 1000) == 0 && get_answer(dev, text, 100) == 0)
+        if (session->send(request, 1000) == kOk && session->get(text, 100) == kOk)
             end = text.length < POLYBUS_FUNCTION_STRING_SIZE - 1 ? text.length : POLYBUS_FUNCTION_STRING_SIZE - 1;
         pFunctionString[end] = '\0';
     }
-    unlock(dev);
     return true;
 }
 
@@ -145,14 +143,14 @@ POLYBUS_API bool DEV_ResetTimestamp(int dev) {
 POLYBUS_API bool DEV_WriteUserData(int dev, int OffsetAddr, unsigned char* pData, int Len) {
     if (OffsetAddr % 4 != 0 || Len > 20480 || Len < 0) return false;
     Command request(0x0107, 4 + static_cast<size_t>(Len));
-    request.u32(static_cast<uint32_t>(OffsetAddr)).bytes(pData, static_cast<size_t>(Len));
+    request.be32(static_cast<uint32_t>(OffsetAddr)).bytes(pData, static_cast<size_t>(Len));
     return simple(dev, request, {1000, 5000}, true);
 }
 
 POLYBUS_API bool DEV_ReadUserData(int dev, int OffsetAddr, unsigned char* pData, int Len) {
     if (OffsetAddr % 4 != 0) return false;
     Command request(0x0108);
-    request.u32(static_cast<uint32_t>(OffsetAddr)).u32(static_cast<uint32_t>(Len));
+    request.be32(static_cast<uint32_t>(OffsetAddr)).be32(static_cast<uint32_t>(Len));
     uint8_t none[1];
     Answer reply(pData != nullptr ? static_cast<void*>(pData) : none, pData != nullptr && Len > 0 ? size_t(Len) : 0);
     return transact(dev, request, reply) == 0;
@@ -168,7 +166,7 @@ POLYBUS_API bool DEV_WriteSchData(int dev, int Addr, unsigned char* pData, int L
     for (int offset = 0; offset < Len; offset += kSchChunk) {
         const int chunk = Len - offset < kSchChunk ? Len - offset : kSchChunk;
         Command request(0x010A, 4 + static_cast<size_t>(chunk));
-        request.u32(static_cast<uint32_t>(Addr)).bytes(pData != nullptr ? pData + offset : nullptr, size_t(chunk));
+        request.be32(static_cast<uint32_t>(Addr)).bytes(pData != nullptr ? pData + offset : nullptr, size_t(chunk));
         if (!simple(dev, request, {1000, 5000}, true)) return false;
     }
     return true;
@@ -182,7 +180,7 @@ POLYBUS_API bool DEV_ReadSchData(int dev, int Addr, unsigned char* pData, int Le
         const int ask = !last ? kSchChunk : (Len % kSchChunk == 0 ? kSchChunk : kSchChunk % Len);
         const int room = Len - offset < ask ? Len - offset : ask;
         Command request(0x010B);
-        request.u32(static_cast<uint32_t>(Addr)).u32(static_cast<uint32_t>(ask));
+        request.be32(static_cast<uint32_t>(Addr)).be32(static_cast<uint32_t>(ask));
         uint8_t none[1];
         Answer reply(pData != nullptr ? static_cast<void*>(pData + offset) : none,
                      pData != nullptr ? size_t(room) : 0);
@@ -193,7 +191,7 @@ POLYBUS_API bool DEV_ReadSchData(int dev, int Addr, unsigned char* pData, int Le
 
 POLYBUS_API bool DEV_EraseSchData(int dev, int Arg) {
     Command request(0x010C);
-    request.u32(static_cast<uint32_t>(Arg));
+    request.be32(static_cast<uint32_t>(Arg));
     return simple(dev, request, {1000, 10000}, true);
 }
 
@@ -230,7 +228,7 @@ POLYBUS_API int ARG_Write(int dev, uint16_t Addr, unsigned char* pData, uint16_t
     for (uint32_t offset = 0; offset < Len; offset += kArgChunk) {
         const uint32_t chunk = Len - offset < uint32_t(kArgChunk) ? Len - offset : kArgChunk;
         Command request(0x5001, 2 + chunk);
-        request.u16(chunk_address(running, Addr, offset)).bytes(pData != nullptr ? pData + offset : nullptr, chunk);
+        request.be16(chunk_address(running, Addr, offset)).bytes(pData != nullptr ? pData + offset : nullptr, chunk);
         AnswerBuffer<8> status;
         int rc = transact(dev, request, status, {1000, static_cast<int>(chunk * 20 / 64 + 1000)});
         if (rc != 0) return rc;
@@ -248,7 +246,7 @@ POLYBUS_API int ARG_Read(int dev, uint16_t Addr, unsigned char* pData, uint16_t 
     for (uint32_t offset = 0; offset < Len; offset += kArgChunk) {
         const uint32_t chunk = Len - offset < uint32_t(kArgChunk) ? Len - offset : kArgChunk;
         Command request(0x5002);
-        request.u16(chunk_address(running, Addr, offset)).u16(static_cast<uint16_t>(chunk));
+        request.be16(chunk_address(running, Addr, offset)).be16(static_cast<uint16_t>(chunk));
         Answer reply(buf.data(), 1 + chunk);
         int rc = transact(dev, request, reply, {1000, static_cast<int>(chunk * 10 / 64 + 1000)});
         if (rc != 0) return rc;
