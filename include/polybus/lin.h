@@ -161,7 +161,10 @@ POLYBUS_API int LIN_EX_SlaveGetData(int DevHandle, unsigned char LINIndex, LIN_E
  * LIN_Init reads the adapter's firmware version: after 0x0105001D every call goes
  * through the LIN_EX_ functions, otherwise through the older commands, whose answers
  * are awaited 110000 / baud rate + 1000 ms (baud rate of LIN_Init; 9600 before any).
- * Channels of the older commands fold with & 3 in the library's own state. */
+ * Channels of the older commands fold with & 3 in the library's own state. A null
+ * config or record array (with MsgLen > 0) is refused with -1; LIN_Init returns -4 when
+ * the device information cannot be read. On the translated path the results are those
+ * of the LIN_EX_ calls, and a batch that did not return every frame gives -4. */
 POLYBUS_API int LIN_Init(int DevHandle, int LINIndex, LIN_CONFIG* pConfig);
 POLYBUS_API int LIN_SendBreak(int DevHandle, int LINIndex);
 /* Identifiers 0x3C..0x3F are written with the classic checksum, others enhanced. */
