@@ -326,6 +326,15 @@ TEST_F(Lin, AdapterAsSlaveAnswersAndRecords) {
     EXPECT_EQ(got[5].Data[0], 69);
     EXPECT_EQ(got[5].CheckType, LIN_EX_CHECK_CLASSIC);
 
+    // A table longer than the 64-record area: the entries beyond it are drained.
+    std::vector<LIN_EX_MSG> big(70, frame(4, 0x30));
+    ASSERT_EQ(LIN_EX_SlaveSetIDMode(handle, 1, big.data(), 70), 0);
+    EXPECT_EQ(lin().channel(1).table_entries, 70u);
+    std::vector<LIN_EX_MSG> entries(LIN_EX_MAX_RECORDS + 1);
+    entries.back().PID = 0x5A;
+    EXPECT_EQ(LIN_EX_SlaveGetIDMode(handle, 1, entries.data()), 64);
+    EXPECT_EQ(entries.back().PID, 0x5A);
+
     EXPECT_EQ(LIN_EX_SlaveSetIDMode(handle, 79, table.data(), 1), -5);
     EXPECT_EQ(LIN_EX_SlaveGetIDMode(handle, 79, back), -5);
     EXPECT_EQ(LIN_EX_SlaveGetData(handle, 79, got), -5);
