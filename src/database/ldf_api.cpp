@@ -22,24 +22,12 @@ struct ParseState {
     std::recursive_mutex mutex;
     std::atomic<bool> connected{false};
     std::string text;
+    std::string file;  // the raw file, kept for its memory
 };
 
 ParseState& state() {
     static ParseState s;
     return s;
-}
-
-bool read_file(const char* path, std::string& out) {
-    if (path == nullptr) return false;
-    FILE* f = std::fopen(path, "rb");
-    if (f == nullptr) return false;
-    out.clear();
-    char buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) out.append(buf, n);
-    const bool ok = !std::ferror(f);
-    std::fclose(f);
-    return ok;
 }
 
 // The section texts of the prepared file, or null when no open adapter prepared one.
@@ -73,9 +61,8 @@ POLYBUS_API int LDF_Init(int DevHandle, const char* pLDFFile) {
         return LDF_ERR_NO_DEVICE;
     }
     s.connected = true;
-    std::string file;
-    if (!read_file(pLDFFile, file)) return LDF_ERR_OPEN;
-    s.text = prepare(file);
+    if (!read_file(pLDFFile, s.file)) return LDF_ERR_OPEN;
+    prepare_into(s.file, s.text);
     return LDF_OK;
 }
 

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,11 +16,17 @@
 namespace polybus {
 namespace ldf {
 
-// Owns every block the parser hands out: databases are never released while the
+// Owns every block the parser hands out (thread-safe): databases are never released while the
 // library is loaded (callers keep using handles after LDF_DecodeFree), and everything
 // goes when the store is destroyed at unload.
 class Store {
 public:
+    Store() = default;
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+    // Makes sure the next `bytes` come from one block.
+    void reserve(size_t bytes);
     // Zero-filled bytes, aligned for any record.
     void* allocate(size_t bytes);
     template <typename T>
@@ -35,7 +42,15 @@ public:
     char* string(std::string_view s);
 
 private:
-    std::vector<std::unique_ptr<char[]>> blocks_;
+    struct Block {
+        char* base;
+        size_t size;
+        void release();
+    };
+    void grow(size_t bytes);
+
+    std::mutex mutex_;
+    std::vector<Block> blocks_;
     char* cursor_ = nullptr;
     size_t left_ = 0;
 };
@@ -46,6 +61,11 @@ Store& store();
 // Step 1: comments removed, then everything outside double quotes that is not a
 // printable character (33-126) dropped.
 std::string prepare(std::string_view file);
+// The same into `out`, reusing its memory.
+void prepare_into(std::string_view file, std::string& out);
+
+// Reads a file into `out` (reusing its memory); false when it cannot be read.
+bool read_file(const char* path, std::string& out);
 
 // The braced body of the first "<name>{" in `text`, braces included; empty when absent.
 // Unbalanced braces run to the end of the text.
@@ -92,6 +112,8 @@ void publish_master_request(LDF_LIN_FRAME* frames, size_t count, char* master);
 
 // A whole prepared text into `coding` (device fields untouched). Takes the parse lock.
 void decode_text(std::string_view prepared, LDF_CODING& coding);
+// A database record of the library's own, holding a copy of `parsed`.
+LDF_CODING* store_database(const LDF_CODING& parsed);
 
 // ---- Values ------------------------------------------------------------------------
 

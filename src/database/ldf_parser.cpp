@@ -6,8 +6,11 @@
 #include <cctype>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
+#include <sys/mman.h>
 #include <unordered_map>
 
 #include "database/ldf_internal.h"
@@ -150,14 +153,34 @@ std::mutex& parse_mutex() {
 
 // ---- Store -------------------------------------------------------------------------
 
+void Store::Block::release() {
+    if (base != nullptr) munmap(base, size);
+}
+
+void Store::reserve(size_t bytes) {
+    std::lock_guard<std::mutex> g(mutex_);
+    if (bytes > left_) grow(bytes);
+}
+
+void Store::grow(size_t bytes) {
+    // Blocks come populated from the kernel in one call: faulting in a large parse's
+    // records page by page cost more than the parse itself.
+    const size_t block = (std::max<size_t>(bytes, 1 << 20) + 4095) & ~size_t{4095};
+    void* p = mmap(nullptr, block, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (p == MAP_FAILED) throw std::bad_alloc();
+    blocks_.push_back(Block{static_cast<char*>(p), block});
+    cursor_ = static_cast<char*>(p);
+    left_ = block;
+}
+
+Store::~Store() {
+    for (Block& b : blocks_) b.release();
+}
+
 void* Store::allocate(size_t bytes) {
+    std::lock_guard<std::mutex> g(mutex_);
     bytes = (bytes + 15) & ~size_t{15};
-    if (bytes > left_) {
-        const size_t block = std::max<size_t>(bytes, 256 * 1024);
-        blocks_.emplace_back(new char[block]());
-        cursor_ = blocks_.back().get();
-        left_ = block;
-    }
+    if (bytes > left_) grow(bytes);
     void* p = cursor_;
     cursor_ += bytes;
     left_ -= bytes;
@@ -177,33 +200,77 @@ Store& store() {
 
 // ---- Text --------------------------------------------------------------------------
 
-std::string prepare(string_view file) {
-    // Block comments first, quotes or not: a "/*" anywhere opens one.
-    std::string uncommented;
-    uncommented.reserve(file.size());
-    for (size_t i = 0; i < file.size();) {
-        if (file[i] == '/' && i + 1 < file.size() && file[i + 1] == '*') {
-            const size_t end = file.find("*/", i + 2);
-            if (end == string_view::npos) break;
-            i = end + 2;
+namespace {
+// Byte classes of the flattening pass: dropped, kept, or needing a look (quote, slash).
+enum : uint8_t { kDrop, kKeep, kLook };
+struct ByteClasses {
+    uint8_t of[256];
+    ByteClasses() {
+        for (int c = 0; c < 256; ++c) of[c] = c >= 33 && c <= 126 ? kKeep : kDrop;
+        of[static_cast<unsigned char>('"')] = kLook;
+        of[static_cast<unsigned char>('/')] = kLook;
+    }
+};
+const ByteClasses kClasses;
+}  // namespace
+
+bool read_file(const char* path, std::string& out) {
+    if (path == nullptr) return false;
+    FILE* f = std::fopen(path, "rb");
+    if (f == nullptr) return false;
+    bool ok = std::fseek(f, 0, SEEK_END) == 0;
+    const long size = ok ? std::ftell(f) : -1;
+    ok = size >= 0 && std::fseek(f, 0, SEEK_SET) == 0;
+    if (ok) {
+        out.resize(static_cast<size_t>(size));
+        ok = size == 0 || std::fread(&out[0], 1, out.size(), f) == out.size();
+    }
+    std::fclose(f);
+    return ok;
+}
+
+void prepare_into(string_view file, std::string& out) {
+    // One pass. Block comments open anywhere, quotes or not; line comments and the
+    // dropping of unprintable bytes respect quotes.
+    out.resize(file.size());
+    char* o = &out[0];
+    size_t w = 0;
+    bool quoted = false;
+    const size_t n = file.size();
+    for (size_t i = 0; i < n; ++i) {
+        const char c = file[i];
+        const uint8_t k = kClasses.of[static_cast<unsigned char>(c)];
+        if (k == kKeep) {
+            o[w++] = c;
             continue;
         }
-        uncommented.push_back(file[i++]);
-    }
-    std::string out;
-    out.reserve(uncommented.size());
-    bool quoted = false;
-    for (size_t i = 0; i < uncommented.size(); ++i) {
-        const unsigned char c = static_cast<unsigned char>(uncommented[i]);
-        if (!quoted && c == '/' && i + 1 < uncommented.size() && uncommented[i + 1] == '/') {
-            const size_t eol = uncommented.find('\n', i);
-            if (eol == std::string::npos) break;
-            i = eol;
+        if (k == kDrop) {
+            if (quoted && c == ' ') o[w++] = c;
             continue;
+        }
+        if (c == '/' && i + 1 < n) {
+            if (file[i + 1] == '*') {
+                const size_t end = file.find("*/", i + 2);
+                if (end == string_view::npos) break;
+                i = end + 1;
+                continue;
+            }
+            if (!quoted && file[i + 1] == '/') {
+                const size_t eol = file.find('\n', i);
+                if (eol == string_view::npos) break;
+                i = eol;
+                continue;
+            }
         }
         if (c == '"') quoted = !quoted;
-        if ((c >= 33 && c <= 126) || (quoted && c == ' ')) out.push_back(static_cast<char>(c));
+        o[w++] = c;
     }
+    out.resize(w);
+}
+
+std::string prepare(string_view file) {
+    std::string out;
+    prepare_into(file, out);
     return out;
 }
 
@@ -355,6 +422,8 @@ void parse_signals(string_view ordinary, string_view diagnostic, Store& s,
     // One scratch record serves every entry, so a diagnostic signal keeps bytes 32-223
     // (publisher, subscribers, coding) of the last ordinary signal.
     LDF_LIN_SIGNAL scratch{};
+    out.reserve(out.size() + static_cast<size_t>(std::count(ordinary.begin(), ordinary.end(), ';') +
+                                                 std::count(diagnostic.begin(), diagnostic.end(), ';')));
     each_piece(inner(ordinary), ';', [&](string_view entry) {
         if (entry.size() < 5) return;
         read_signal_entry(entry, s, scratch, true);
@@ -392,20 +461,25 @@ void parse_frames(string_view ordinary, string_view diagnostic, Store& s, const 
             f.publisher = s.string(cut(head, ',', &head));
             f.size = static_cast<uint8_t>(integer(head));
         }
-        std::vector<LDF_LIN_SIGNAL> members;
+        // Members go straight into the store: counted first, so the array is exact.
+        size_t room = 0;
+        each_piece(rest, ';', [&](string_view entry) {
+            if (entry.size() >= 3 && by_name.count(cut(entry, ','))) ++room;
+        });
+        f.signals = s.array<LDF_LIN_SIGNAL>(room);
         each_piece(rest, ';', [&](string_view entry) {
             if (entry.size() < 3) return;
             string_view offset;
             const auto hit = by_name.find(cut(entry, ',', &offset));
             if (hit == by_name.end()) return;
-            LDF_LIN_SIGNAL copy = *hit->second;
+            LDF_LIN_SIGNAL& copy = f.signals[f.signalCount++];
+            copy = *hit->second;
             copy.bitOffset = static_cast<uint32_t>(integer(offset));
-            members.push_back(copy);
         });
-        f.signalCount = static_cast<uint32_t>(members.size());
-        f.signals = s.copy(members);
         out.push_back(f);
     };
+    out.reserve(out.size() + static_cast<size_t>(std::count(ordinary.begin(), ordinary.end(), '}') +
+                                                 std::count(diagnostic.begin(), diagnostic.end(), '}')));
     // Each frame block ends at its first closing brace.
     each_piece(inner(ordinary), '}', [&](string_view b) { read_block(b, false); });
     each_piece(inner(diagnostic), '}', [&](string_view b) { read_block(b, true); });
@@ -496,10 +570,27 @@ void parse_attributes(string_view sec, Store& s, std::vector<LDF_NODE_ATTR>& out
     });
 }
 
+LDF_CODING* store_database(const LDF_CODING& parsed) {
+    LDF_CODING* db = store().array<LDF_CODING>(1);
+    *db = parsed;
+    return db;
+}
+
 void decode_text(string_view text, LDF_CODING& coding) {
     std::lock_guard<std::mutex> guard(parse_mutex());
     Store& s = store();
-    Parsed p;
+    // Records and names take about twice the flattened text.
+    s.reserve(text.size() * 2 + 4096);
+    // The working lists keep their memory from one parse to the next (under the parse
+    // lock): only the records handed out take new memory.
+    static Parsed p;
+    p.protocol_version = p.language_version = p.speed = 0;
+    p.codings.clear();
+    p.representations.clear();
+    p.signals.clear();
+    p.frames.clear();
+    p.schedules.clear();
+    p.attributes.clear();
     parse_header(text, p);
     parse_codings(section(text, "Signal_encoding_types"), s, p.codings);
     parse_representations(section(text, "Signal_representation"), s, p.representations);
