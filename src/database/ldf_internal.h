@@ -40,6 +40,9 @@ public:
         return out;
     }
     char* string(std::string_view s);
+    // Returns every block. Only for test programs and fuzzing, where no record made
+    // before the call is used after it.
+    void release_all();
 
 private:
     struct Block {
@@ -124,6 +127,8 @@ LDF_LIN_SIGNAL* find_signal(LDF_CODING* coding, LDF_LIN_FRAME* frame, const char
 LDF_LIN_SCH* find_schedule(LDF_CODING* coding, const char* name);
 // Builds the look-up index of a database this library made.
 void index_database(LDF_CODING* coding);
+// Drops every index (with Store::release_all, for test programs and fuzzing only).
+void forget_databases();
 
 void set_physical(LDF_LIN_SIGNAL& sig, double value);
 double get_physical(const LDF_LIN_SIGNAL& sig);

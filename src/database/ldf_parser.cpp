@@ -165,7 +165,7 @@ void Store::reserve(size_t bytes) {
 void Store::grow(size_t bytes) {
     // Blocks come populated from the kernel in one call: faulting in a large parse's
     // records page by page cost more than the parse itself.
-    const size_t block = (std::max<size_t>(bytes, 1 << 20) + 4095) & ~size_t{4095};
+    const size_t block = (std::max<size_t>(bytes, 64 << 10) + 4095) & ~size_t{4095};
     void* p = mmap(nullptr, block, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
     if (p == MAP_FAILED) throw std::bad_alloc();
     blocks_.push_back(Block{static_cast<char*>(p), block});
@@ -173,8 +173,14 @@ void Store::grow(size_t bytes) {
     left_ = block;
 }
 
-Store::~Store() {
+Store::~Store() { release_all(); }
+
+void Store::release_all() {
+    std::lock_guard<std::mutex> g(mutex_);
     for (Block& b : blocks_) b.release();
+    blocks_.clear();
+    cursor_ = nullptr;
+    left_ = 0;
 }
 
 void* Store::allocate(size_t bytes) {

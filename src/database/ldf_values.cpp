@@ -86,6 +86,7 @@ struct Index {
 
 struct Registry {
     std::mutex mutex;
+    std::atomic<uint64_t> generation{1};  // bumped when indexes are dropped
     std::unordered_map<const LDF_CODING*, std::unique_ptr<Index>> indexes;
 };
 
@@ -99,16 +100,18 @@ Registry& registry() {
 Index* index_of(LDF_CODING* coding) {
     thread_local const LDF_CODING* last_coding = nullptr;
     thread_local Index* last_index = nullptr;
+    thread_local uint64_t last_generation = 0;
+    Registry& r = registry();
     Index* idx;
-    if (coding == last_coding) {
+    if (coding == last_coding && last_generation == r.generation.load(std::memory_order_acquire)) {
         idx = last_index;
     } else {
-        Registry& r = registry();
         std::lock_guard<std::mutex> g(r.mutex);
         auto it = r.indexes.find(coding);
         idx = it == r.indexes.end() ? nullptr : it->second.get();
         last_coding = coding;
         last_index = idx;
+        last_generation = r.generation.load(std::memory_order_relaxed);
     }
     if (idx != nullptr && (idx->frames != coding->frames || idx->frame_count != coding->frameCount)) return nullptr;
     return idx;
@@ -179,7 +182,15 @@ void index_database(LDF_CODING* coding) {
     }
     Registry& r = registry();
     std::lock_guard<std::mutex> g(r.mutex);
+    if (r.indexes.count(coding) != 0) r.generation.fetch_add(1, std::memory_order_acq_rel);
     r.indexes[coding] = std::move(idx);
+}
+
+void forget_databases() {
+    Registry& r = registry();
+    std::lock_guard<std::mutex> g(r.mutex);
+    r.indexes.clear();
+    r.generation.fetch_add(1, std::memory_order_acq_rel);
 }
 
 LDF_LIN_FRAME* find_frame(LDF_CODING* coding, const char* name) {
