@@ -8,6 +8,8 @@
 #include "gpio.h"
 #include "can.h"
 #include "canfd.h"
+#include "lin.h"
+#include "lin_uds.h"
 #include "hexfile.h"
 #include "dbc.h"
 

@@ -3,6 +3,7 @@
 #include "can_model.h"
 #include "device_model.h"
 #include "gpio_model.h"
+#include "lin_model.h"
 
 namespace polybus_sim {
 
@@ -10,6 +11,7 @@ void install_models(Adapter& adapter) {
     adapter.model<DeviceModel>();
     adapter.model<GpioModel>();
     adapter.model<CanModel>();
+    adapter.model<LinModel>();
 }
 
 }  // namespace polybus_sim
