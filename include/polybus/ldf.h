@@ -298,6 +298,20 @@ POLYBUS_API int LDF_GetFrameRawValue(LDF_CODING* pLDF, const char* pFrameName, u
 POLYBUS_API int LDF_DataRawToFrame(LDF_LIN_FRAME* pFrame, const unsigned char* pRawData);
 POLYBUS_API int LDF_DataFrameToRaw(LDF_LIN_FRAME* pFrame, unsigned char* pRawData, int Reserved);
 
+/* ---- The bus, in the role the database was opened for. Checksums: enhanced for
+ * protocol versions from 2.0 on, except identifiers 0x3C-0x3F; classic otherwise.
+ *
+ * LDF_ExeFrameToBus, master: the master's frames are written (the LIN_EX_MasterWrite
+ * result is returned), other frames are read (LDF_ERR_NO_DATA when nothing came).
+ * Slave: for the master's frames, what the adapter recorded since the last look is
+ * decoded into the frames of those identifiers; any other frame becomes the adapter's
+ * response to its header (an ID-mode table of that one frame; its result is returned).
+ * LDF_ExeSchToBus runs one pass of a table the same way, sleeping each entry's delay
+ * (whole milliseconds) after it in the master role; entries naming no frame are
+ * skipped; the result is LDF_OK. The last argument of both is not used. */
+POLYBUS_API int LDF_ExeFrameToBus(LDF_CODING* pLDF, const char* pFrameName, unsigned int Reserved);
+POLYBUS_API int LDF_ExeSchToBus(LDF_CODING* pLDF, const char* pSchName, unsigned int Reserved);
+
 POLYBUS_END_DECLS
 
 #endif
