@@ -10,6 +10,7 @@
 #include "canfd.h"
 #include "lin.h"
 #include "lin_uds.h"
+#include "ldf.h"
 #include "hexfile.h"
 #include "dbc.h"
 
