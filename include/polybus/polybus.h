@@ -8,6 +8,7 @@
 #include "gpio.h"
 #include "can.h"
 #include "canfd.h"
+#include "can_uds.h"
 #include "hexfile.h"
 #include "dbc.h"
 
