@@ -51,9 +51,7 @@ void UdsEcu::detach() {
 
 void UdsEcu::configure(const UdsEcuConfig& config, bool reset_data) {
     std::lock_guard<std::mutex> g(mutex_);
-    const auto identifiers = cfg_.identifiers;
     cfg_ = config;
-    if (!reset_data) cfg_.identifiers = identifiers;
     if (reset_data || memory_.size() != cfg_.memory_size) memory_.assign(cfg_.memory_size, 0xFF);
     next_generation_locked();
     rx_active_ = tx_active_ = false;

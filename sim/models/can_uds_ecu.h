@@ -79,7 +79,8 @@ public:
 
     void attach(const std::shared_ptr<CanBus>& bus);
     void detach();
-    // Replaces the configuration (identifiers and memory are kept unless `reset_data`).
+    // Replaces the configuration, identifiers included (config() gives the current ones);
+    // the memory is kept unless `reset_data` or its size changes.
     void configure(const UdsEcuConfig& config, bool reset_data = false);
     UdsEcuConfig config();
 

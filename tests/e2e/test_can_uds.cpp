@@ -1,0 +1,630 @@
+// UDS over CAN end to end: the library's segmentation and flow control against the
+// simulated diagnostic ECU, in every addressing and frame mode, every class of
+// separation time, with block sizes and every fault the ECU can show.
+#include <chrono>
+#include <cstring>
+#include <numeric>
+
+#include "can_model.h"
+#include "can_test_support.h"
+#include "can_uds_ecu.h"
+
+using namespace polybus_sim;
+using can_test::kClassic;
+using can_test::kFd;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Clock = std::chrono::steady_clock;
+
+struct Mode {
+    const char* name;
+    uint32_t adapter;
+    bool ids29;
+    bool ext_addr;
+    bool fd;
+    bool brs;
+    uint8_t frame_len;
+};
+
+const Mode kModes[] = {
+    {"Classic11BitNormal", kClassic, false, false, false, false, 8},
+    {"Classic29BitExtended", kClassic, true, true, false, false, 8},
+    {"FdAdapterClassicFrames", kFd, false, false, false, false, 8},
+    {"Fd64Brs", kFd, false, false, true, true, 64},
+    {"Fd64NoBrs29BitExtended", kFd, true, true, true, false, 64},
+    {"Fd16Brs", kFd, false, false, true, true, 16},
+};
+
+Bytes pattern(size_t n, uint8_t seed) {
+    Bytes b(n);
+    for (size_t i = 0; i < n; ++i) b[i] = uint8_t(seed + i * 7 + (i >> 8));
+    return b;
+}
+
+Bytes concat(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// The data bytes of a frame as the bus carried it.
+Bytes bytes_of(const BusFrame& f) { return Bytes(f.data, f.data + f.len); }
+
+class UdsFixture : public polybus_test::SimTest {
+protected:
+    virtual Mode mode() const = 0;
+    polybus_sim::AdapterConfig adapter_config() override {
+        polybus_sim::AdapterConfig c;
+        c.identifier = mode().adapter;
+        return c;
+    }
+    void SetUp() override {
+        polybus_test::SimTest::SetUp();
+        if (is_fd()) {
+            CANFD_INIT_CONFIG c{};
+            ASSERT_EQ(CANFD_GetCANSpeedArg(handle, &c, 500000, 2000000), 0);
+            ASSERT_EQ(CANFD_Init(handle, 0, &c), 0);
+        } else {
+            CAN_INIT_CONFIG c{};
+            ASSERT_EQ(CAN_GetCANSpeedArg(handle, &c, 500000), 0);
+            ASSERT_EQ(CAN_Init(handle, 0, &c), 0);
+        }
+        CAN_ClearMsg(handle, 0);
+        CAN_ClearCANMsgFromUDSBuffer(handle, 0);
+        ecu = std::make_shared<UdsEcu>(*adapter, ecu_config());
+        ecu->attach(model<CanModel>().bus(0));
+        trace->clear();
+    }
+    void TearDown() override {
+        ecu->detach();
+        CAN_StopGetMsg(handle, 0);
+        polybus_test::SimTest::TearDown();
+    }
+
+    bool is_fd() const { return can_test::is_fd(mode().adapter); }
+    int x() const { return mode().ext_addr ? 1 : 0; }
+
+    UdsEcuConfig ecu_config() const {
+        const Mode m = mode();
+        UdsEcuConfig c;
+        c.request_id = m.ids29 ? 0x18DA10F1 : 0x7E0;
+        c.response_id = m.ids29 ? 0x18DAF110 : 0x7E8;
+        c.extended_ids = m.ids29;
+        c.extended_addressing = m.ext_addr;
+        c.ecu_address = 0x10;
+        c.tester_address = 0xF1;
+        c.nominal_bps = 500000;
+        c.data_bps = m.fd ? 2000000 : 0;
+        c.fd = m.fd;
+        c.brs = m.brs;
+        c.frame_len = m.fd ? m.frame_len : 8;
+        c.identifiers = {{0xF190, Bytes{'W', 'P', '0', 'Z', 'Z', 'Z', '9', '9', 'Z', 'T', 'S', '3', '9', '2', '1', '2', '4'}},
+                         {0x0101, Bytes{1, 2, 3, 4}},
+                         {0x0102, Bytes{}}};
+        return c;
+    }
+    // Changes the ECU's set-up for one test (its data stays).
+    template <typename F>
+    void ecu_set(F change) {
+        UdsEcuConfig c = ecu->config();
+        change(c);
+        ecu->configure(c);
+    }
+
+    CAN_UDS_ADDR addr() const {
+        const Mode m = mode();
+        CAN_UDS_ADDR a{};
+        a.RequestId = m.ids29 ? 0x18DA10F1 : 0x7E0;
+        a.ResponseId = m.ids29 ? 0x18DAF110 : 0x7E8;
+        a.Flags = uint8_t((m.ids29 ? CAN_UDS_FLAG_29BIT : 0) | (m.fd ? CAN_UDS_FLAG_CANFD : 0) |
+                          (m.brs ? CAN_UDS_FLAG_BRS : 0));
+        a.ExtAddrMode = m.ext_addr ? 1 : 0;
+        a.ExtAddr = 0x10;
+        a.FrameLen = m.frame_len;
+        return a;
+    }
+
+    // One request and its response; `rc` gets the response status.
+    Bytes call(const Bytes& request, int& rc, int timeout_ms = 3000) {
+        CAN_UDS_ADDR a = addr();
+        rc = CAN_UDS_Request(handle, 0, &a, const_cast<uint8_t*>(request.data()), int(request.size()));
+        if (rc != 0) return {};
+        Bytes out(1 << 17, 0xEE);
+        rc = CAN_UDS_Response(handle, 0, &a, out.data(), timeout_ms);
+        out.resize(rc > 0 ? size_t(rc) : 0);
+        return out;
+    }
+    Bytes call(const Bytes& request) {
+        int rc = 0;
+        Bytes out = call(request, rc);
+        EXPECT_GE(rc, 0) << "request of " << request.size() << " bytes";
+        return out;
+    }
+
+    // Frames the ECU heard, their data bytes.
+    std::vector<Bytes> heard() {
+        std::vector<Bytes> out;
+        for (auto& h : ecu->heard()) out.push_back(bytes_of(h.frame));
+        return out;
+    }
+
+    std::shared_ptr<UdsEcu> ecu;
+};
+
+class CanUdsModes : public UdsFixture, public ::testing::WithParamInterface<Mode> {
+protected:
+    Mode mode() const override { return GetParam(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Modes, CanUdsModes, ::testing::ValuesIn(kModes),
+                         [](const ::testing::TestParamInfo<Mode>& i) { return std::string(i.param.name); });
+
+// Bytes per frame kind in this mode (the table of the public header).
+struct Sizes {
+    int single, first, consecutive;
+};
+Sizes sizes_for(const Mode& m) {
+    const int x = m.ext_addr ? 1 : 0, L = m.frame_len;
+    if (L == 8) return {7 - x, 6 - x, 7 - x};
+    return {L - 2 - x, L - 2 - x, L - 1 - x};
+}
+
+// Bytes the last frame of a request of `len` bytes carries before its padding.
+size_t last_carried(const Mode& m, size_t len) {
+    const Sizes s = sizes_for(m);
+    const size_t x = m.ext_addr ? 1 : 0;
+    if (len <= size_t(s.single)) return x + (m.frame_len > 8 ? 2 : 1) + len;
+    const size_t first = len >= 4096 ? size_t(m.frame_len > 8 ? m.frame_len - 6 - x : 6 - x) : size_t(s.first);
+    const size_t rest = len - first, step = size_t(s.consecutive);
+    return x + 1 + rest - step * ((rest - 1) / step);
+}
+
+TEST_P(CanUdsModes, ResponsesOfEveryLengthAreReassembled) {
+    const Sizes s = sizes_for(GetParam());
+    // Answer lengths: a single frame, the largest single frame, one byte more (first
+    // frame and one consecutive frame), 4095 (the largest without the escaped first
+    // frame) and 5000 (escaped).
+    const size_t lengths[] = {4, size_t(s.single), size_t(s.single) + 1, size_t(s.first + s.consecutive) + 1, 4095,
+                              5000};
+    for (size_t len : lengths) {
+        const Bytes value = pattern(len - 3, uint8_t(len));
+        ecu_set([&](UdsEcuConfig& c) { c.identifiers[0x4000] = value; });
+        const Bytes got = call({0x22, 0x40, 0x00});
+        EXPECT_EQ(got, concat({0x62, 0x40, 0x00}, value)) << "answer of " << len << " bytes";
+    }
+    // Several identifiers in one request, and the VIN.
+    EXPECT_EQ(call({0x22, 0x01, 0x01, 0xF1, 0x90}),
+              concat({0x62, 0x01, 0x01, 1, 2, 3, 4, 0xF1, 0x90}, ecu->identifier(0xF190)));
+    EXPECT_EQ(call({0x22, 0x12, 0x34}), (Bytes{0x7F, 0x22, 0x31})) << "negative responses pass as they are";
+}
+
+TEST_P(CanUdsModes, RequestsOfEveryLengthArriveWhole) {
+    const Sizes s = sizes_for(GetParam());
+    std::vector<size_t> lengths = {size_t(s.single), size_t(s.single) + 1, size_t(s.first + 2 * s.consecutive), 4095};
+    if (GetParam().frame_len > 8) lengths.push_back(6000);  // escaped first frame
+    for (size_t len : lengths) {
+        const Bytes value = pattern(len - 3, uint8_t(len + 1));
+        const Bytes request = concat({0x2E, 0x01, 0x02}, value);
+        ecu->clear_log();
+        EXPECT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02})) << len;
+        EXPECT_EQ(ecu->identifier(0x0102), value) << len;
+        auto requests = ecu->requests();
+        ASSERT_EQ(requests.size(), 1u);
+        EXPECT_EQ(requests[0], request);
+        // Every frame the host sent has the frame length, padding 0x55 and the address
+        // extension in front.
+        auto frames = ecu->heard();
+        for (auto& h : frames) {
+            EXPECT_EQ(h.frame.len, GetParam().frame_len);
+            EXPECT_EQ(h.frame.fd, GetParam().fd);
+            EXPECT_EQ(h.frame.brs, GetParam().brs);
+            if (x() != 0) { EXPECT_EQ(h.frame.data[0], 0x10); }
+        }
+        // Padding after the last byte of the message.
+        const Bytes last = bytes_of(frames.back().frame);
+        const size_t carried = last_carried(GetParam(), len);
+        ASSERT_LT(carried, last.size() + 1);
+        for (size_t i = carried; i < last.size(); ++i) EXPECT_EQ(last[i], 0x55) << len << " byte " << i;
+        EXPECT_EQ(last[carried - 1], request.back());
+    }
+}
+
+TEST_P(CanUdsModes, OwnFramesReachTheApplicationBuffer) {
+    const Bytes request = concat({0x2E, 0x01, 0x02}, pattern(40, 3));
+    ASSERT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02}));
+    const size_t host_frames = ecu->heard().size();
+    const size_t ecu_frames = ecu->sent().size();
+    size_t own = 0, theirs = 0;
+    if (is_fd()) {
+        std::vector<CANFD_MSG> out(CANFD_READ_MAX_FRAMES);
+        const int n = CANFD_GetMsg(handle, 0, out.data(), int(out.size()));
+        for (int i = 0; i < n; ++i) {
+            if (out[i].Flags & 0x80) {
+                ++own;
+                EXPECT_EQ(out[i].DLC, GetParam().frame_len);
+                EXPECT_EQ(out[i].ID & 0x1FFFFFFF, addr().RequestId);
+            } else {
+                ++theirs;
+            }
+        }
+    } else {
+        std::vector<CAN_MSG> out(CAN_BUFFER_FRAMES);
+        const int n = CAN_GetMsg(handle, 0, out.data());
+        for (int i = 0; i < n; ++i) {
+            if (out[i].RemoteFlag & 0x80) {
+                ++own;
+                EXPECT_EQ(out[i].RemoteFlag & 0x60, 0) << "channel 0";
+                EXPECT_EQ(out[i].ID, addr().RequestId);
+                EXPECT_EQ(out[i].ExternFlag, GetParam().ids29 ? 1 : 0);
+            } else {
+                ++theirs;
+            }
+        }
+    }
+    EXPECT_EQ(own, host_frames) << "every frame the host sent, flow control included";
+    EXPECT_EQ(theirs, ecu_frames);
+}
+
+TEST_P(CanUdsModes, DownloadThenReadBack) {
+    const uint32_t base = 0x08000000 + 0x100;
+    const Bytes image = pattern(5000, 9);
+    const Bytes start = {0x34, 0x00, 0x44, uint8_t(base >> 24), uint8_t(base >> 16), uint8_t(base >> 8), uint8_t(base),
+                         0x00, 0x00, uint8_t(image.size() >> 8), uint8_t(image.size())};
+    const Bytes accepted = call(start);
+    ASSERT_EQ(accepted.size(), 4u);
+    ASSERT_EQ(accepted[0], 0x74);
+    const size_t block = (size_t(accepted[2]) << 8 | accepted[3]) - 2;
+    uint8_t counter = 1;
+    for (size_t pos = 0; pos < image.size(); pos += block, ++counter) {
+        const size_t n = std::min(block, image.size() - pos);
+        Bytes transfer = {0x36, counter};
+        transfer.insert(transfer.end(), image.begin() + long(pos), image.begin() + long(pos + n));
+        ASSERT_EQ(call(transfer), (Bytes{0x76, counter}));
+    }
+    ASSERT_EQ(call({0x37}), Bytes{0x77});
+    EXPECT_EQ(ecu->memory(base, image.size()), image);
+    const Bytes read = call({0x23, 0x24, uint8_t(base >> 24), uint8_t(base >> 16), uint8_t(base >> 8), uint8_t(base),
+                             uint8_t(image.size() >> 8), uint8_t(image.size())});
+    EXPECT_EQ(read, concat({0x63}, image));
+    // Session control and tester present, with and without the suppress bit.
+    EXPECT_EQ(call({0x10, 0x03}), (Bytes{0x50, 0x03, 0x00, 0x32, 0x01, 0xF4}));
+    EXPECT_EQ(ecu->session(), 3);
+    EXPECT_EQ(call({0x3E, 0x00}), (Bytes{0x7E, 0x00}));
+    int rc = 0;
+    EXPECT_TRUE(call({0x3E, 0x80}, rc, 300).empty());
+    EXPECT_EQ(rc, CAN_UDS_ERR_TIMEOUT) << "a suppressed answer is never given";
+}
+
+// ---- One mode at a time --------------------------------------------------------------
+
+class CanUdsClassic : public UdsFixture {
+protected:
+    Mode mode() const override { return kModes[0]; }
+};
+class CanUdsClassicExtended : public UdsFixture {
+protected:
+    Mode mode() const override { return kModes[1]; }
+};
+class CanUdsFd : public UdsFixture {
+protected:
+    Mode mode() const override { return kModes[3]; }
+};
+
+TEST_F(CanUdsClassic, SingleFrameLimitsAndTheFrameLengthCorrection) {
+    // 7 bytes with frames of 8 and normal addressing: one frame 07 d0..d6.
+    CAN_UDS_ADDR a = addr();
+    a.FrameLen = 7;
+    Bytes seven = {0x22, 0x01, 0x01, 0xAA, 0xBB, 0xCC, 0xDD};
+    ASSERT_EQ(CAN_UDS_Request(handle, 0, &a, seven.data(), 7), 0);
+    EXPECT_EQ(a.FrameLen, 8) << "written back into the caller's record";
+    ASSERT_EQ(heard().size(), 1u);
+    EXPECT_EQ(heard()[0], concat({0x07}, seven));
+    a.FrameLen = 65;
+    Bytes out(64);
+    ASSERT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 500), 3) << "identifier 0xAABB is unknown";
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 3), (Bytes{0x7F, 0x22, 0x31}));
+    EXPECT_EQ(a.FrameLen, 8);
+    // A single frame of no data: its length alone.
+    ecu->clear_log();
+    ASSERT_EQ(CAN_UDS_Request(handle, 0, &a, nullptr, 0), 0);
+    EXPECT_EQ(heard()[0], (Bytes{0x00, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55}));
+    // Refused arguments.
+    EXPECT_EQ(CAN_UDS_Request(handle, 0, nullptr, seven.data(), 7), POLYBUS_ERR_REFUSED);
+    EXPECT_EQ(CAN_UDS_Request(handle, 0, &a, nullptr, 3), POLYBUS_ERR_REFUSED);
+    EXPECT_EQ(CAN_UDS_Request(handle, 0, &a, seven.data(), -1), POLYBUS_ERR_REFUSED);
+    EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, nullptr, 10), POLYBUS_ERR_REFUSED);
+}
+
+TEST_F(CanUdsClassicExtended, SevenBytesNeedAFirstFrameUnderExtendedAddressing) {
+    CAN_UDS_ADDR a = addr();
+    Bytes seven = {0x2E, 0x01, 0x02, 0xAA, 0xBB, 0xCC, 0xDD};
+    ASSERT_EQ(CAN_UDS_Request(handle, 0, &a, seven.data(), 7), 0);
+    auto frames = heard();
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0], (Bytes{0x10, 0x10, 0x07, 0x2E, 0x01, 0x02, 0xAA, 0xBB}));
+    EXPECT_EQ(frames[1], (Bytes{0x10, 0x21, 0xCC, 0xDD, 0x55, 0x55, 0x55, 0x55}));
+    // The ECU's flow control began with its own address byte; the host took it anyway.
+    EXPECT_EQ(ecu->sent()[0].frame.data[0], 0xF1);
+}
+
+TEST_F(CanUdsClassic, EscapedFirstFrameLosesFourBytesWithFramesOfEight) {
+    const Bytes request = concat({0x2E, 0x01, 0x02}, pattern(4093, 1));  // 4096 bytes
+    CAN_UDS_ADDR a = addr();
+    ASSERT_EQ(CAN_UDS_Request(handle, 0, &a, const_cast<uint8_t*>(request.data()), 4096), 0);
+    auto frames = heard();
+    ASSERT_GE(frames.size(), 2u);
+    EXPECT_EQ(frames[0], (Bytes{0x10, 0x00, 0x00, 0x00, 0x10, 0x00, request[0], request[1]}));
+    // The request advanced by 6 bytes: bytes 2 to 5 never went out.
+    EXPECT_EQ(frames[1], (Bytes{0x21, request[6], request[7], request[8], request[9], request[10], request[11],
+                                request[12]}));
+    EXPECT_EQ(frames.size(), 1 + (4096 - 6 + 6) / 7) << "consecutive frames for the other 4090 bytes";
+    // The ECU fills the announced 4096 bytes up with the last frame's padding.
+    ASSERT_EQ(ecu->requests().size(), 1u);
+    Bytes expected = {request[0], request[1]};
+    expected.insert(expected.end(), request.begin() + 6, request.end());
+    expected.insert(expected.end(), 4, 0x55);
+    EXPECT_EQ(ecu->requests()[0], expected);
+    Bytes out(8192);
+    EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 1000), 3);
+}
+
+TEST_F(CanUdsClassic, SeparationTimeClasses) {
+    const Bytes request = concat({0x2E, 0x01, 0x02}, pattern(6 + 7 * 45 - 3, 5));  // first frame + 45 consecutive
+    struct Case {
+        uint8_t st;
+        bool batched;
+    } cases[] = {{0x00, true}, {0xF1, true}, {0xF9, true}, {0x80, true}, {0xFF, true}, {0x01, false}, {0x05, false}};
+    for (const Case& c : cases) {
+        ecu_set([&](UdsEcuConfig& cfg) { cfg.st_min = c.st; });
+        ecu->clear_log();
+        trace->clear();
+        EXPECT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02})) << int(c.st);
+        // Commands that carried frames: the first frame, then batches or single frames.
+        std::vector<uint32_t> per_command;
+        for (auto& s : trace->sends(0xC02)) per_command.push_back((s.length - 1) / 20);
+        if (c.batched) {
+            EXPECT_EQ(per_command, (std::vector<uint32_t>{1, 20, 20, 5})) << "ST " << int(c.st);
+        } else {
+            EXPECT_EQ(per_command, std::vector<uint32_t>(46, 1)) << "ST " << int(c.st);
+            auto frames = ecu->heard();
+            ASSERT_EQ(frames.size(), 46u);
+            for (size_t i = 2; i < frames.size(); ++i)
+                EXPECT_GE(frames[i].end_ns - frames[i - 1].end_ns, int64_t(c.st) * 1000000) << "frame " << i;
+        }
+    }
+}
+
+TEST_F(CanUdsClassic, BlockSizesWaitForFlowControlAfterEveryBlock) {
+    const Bytes request = concat({0x2E, 0x01, 0x02}, pattern(6 + 7 * 45 - 3, 5));  // 45 consecutive frames
+    for (uint8_t bs : {1, 2, 20, 44, 45}) {
+        ecu_set([&](UdsEcuConfig& c) { c.block_size = bs; });
+        ecu->clear_log();
+        EXPECT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02})) << int(bs);
+        EXPECT_EQ(ecu->block_violations(), 0) << "BS " << int(bs);
+        size_t flow_controls = 0;
+        for (auto& s : ecu->sent())
+            if (s.frame.data[0] == 0x30) ++flow_controls;
+        EXPECT_EQ(flow_controls, 1 + (45 - 1) / bs) << "BS " << int(bs) << ": one more after each block but the last";
+    }
+    // Block size together with a separation time that pauses.
+    ecu_set([&](UdsEcuConfig& c) {
+        c.block_size = 3;
+        c.st_min = 2;
+    });
+    EXPECT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02}));
+    EXPECT_EQ(ecu->block_violations(), 0);
+}
+
+TEST_F(CanUdsClassic, FlowControlWaitDoesNotRestartTheTimer) {
+    const Bytes request = concat({0x2E, 0x01, 0x02}, pattern(20, 5));
+    CAN_UDS_ADDR a = addr();
+    // Three wait frames 200 ms apart, then continue: within the second.
+    ecu_set([&](UdsEcuConfig& c) {
+        c.fc_wait_frames = 3;
+        c.fc_wait_interval_us = 200000;
+    });
+    auto t0 = Clock::now();
+    EXPECT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02}));
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(600));
+    // Waiting for ever: the request gives up 1000 ms after the first frame, however
+    // many wait frames came meanwhile.
+    ecu_set([&](UdsEcuConfig& c) {
+        c.fc_wait_frames = -1;
+        c.fc_wait_interval_us = 150000;
+    });
+    t0 = Clock::now();
+    EXPECT_EQ(CAN_UDS_Request(handle, 0, &a, const_cast<uint8_t*>(request.data()), int(request.size())),
+              CAN_UDS_ERR_TIMEOUT);
+    const auto took = Clock::now() - t0;
+    EXPECT_GE(took, std::chrono::milliseconds(1000));
+    EXPECT_LT(took, std::chrono::milliseconds(1400));
+    EXPECT_GE(ecu->sent().size(), 6u);
+    // The last wait frame is what CAN_UDS_WaitFC reports, nibbles swapped.
+    ecu->clear_log();
+    UDS_FC fc{};
+    uint8_t ff[8] = {0x10, 0x20, 0x2E, 0x01, 0x02, 0, 0, 0};
+    ASSERT_EQ(CAN_UDS_SendMsg(handle, 0, a, ff, 8), 0);
+    EXPECT_EQ(CAN_UDS_WaitFC(handle, 0, a, &fc, 300), CAN_UDS_ERR_TIMEOUT);
+    EXPECT_EQ(fc.FlowControl, 0x13);
+    EXPECT_EQ(fc.BlockSize, 0);
+    ecu_set([&](UdsEcuConfig& c) {
+        c.fc_wait_frames = 0;
+        c.block_size = 8;
+        c.st_min = 0xF3;
+    });
+    ASSERT_EQ(CAN_UDS_SendMsg(handle, 0, a, ff, 8), 0);
+    EXPECT_EQ(CAN_UDS_WaitFC(handle, 0, a, &fc, 300), 0);
+    EXPECT_EQ(fc.FlowControl, 0x03);
+    EXPECT_EQ(fc.BlockSize, 8);
+    EXPECT_EQ(fc.STmin, 0xF3);
+}
+
+TEST_F(CanUdsClassic, FaultsOfTheEcu) {
+    const Bytes long_request = concat({0x2E, 0x01, 0x02}, pattern(30, 5));
+    int rc = 0;
+    // Overflow instead of continue.
+    ecu_set([](UdsEcuConfig& c) { c.fc_overflow = true; });
+    call(long_request, rc);
+    EXPECT_EQ(rc, CAN_UDS_ERR_OVERFLOW);
+    // A consecutive frame with the wrong sequence number: what came before stays.
+    ecu_set([&](UdsEcuConfig& c) {
+        c.fc_overflow = false;
+        c.wrong_sequence_at = 2;
+        c.identifiers[0x4000] = pattern(40, 1);
+    });
+    CAN_UDS_ADDR a = addr();
+    Bytes req = {0x22, 0x40, 0x00};
+    ASSERT_EQ(CAN_UDS_Request(handle, 0, &a, req.data(), 3), 0);
+    Bytes out(100, 0xEE);
+    EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 1000), CAN_UDS_ERR_SEQUENCE);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 13), concat({0x62, 0x40, 0x00}, pattern(10, 1)));
+    EXPECT_EQ(out[13], 0xEE) << "nothing of the bad frame was copied";
+    // A single frame announcing more than it holds.
+    ecu_set([](UdsEcuConfig& c) {
+        c.wrong_sequence_at = 0;
+        c.oversized_single_frame = true;
+    });
+    call({0x3E, 0x00}, rc);
+    EXPECT_EQ(rc, CAN_UDS_ERR_FRAME);
+    // Silence: no flow control, no answer.
+    ecu_set([](UdsEcuConfig& c) {
+        c.oversized_single_frame = false;
+        c.silent = true;
+    });
+    auto t0 = Clock::now();
+    call(long_request, rc);
+    EXPECT_EQ(rc, CAN_UDS_ERR_TIMEOUT);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(1000));
+    call({0x3E, 0x00}, rc, 250);
+    EXPECT_EQ(rc, CAN_UDS_ERR_TIMEOUT);
+}
+
+TEST_F(CanUdsClassic, FramesOfOtherNodesAndBadFrames) {
+    auto peer = model<CanModel>().add_peer(0, 500000);
+    ecu_set([](UdsEcuConfig& c) { c.silent = true; });
+    CAN_UDS_ADDR a = addr();
+    uint8_t sf[8] = {0x02, 0x3E, 0x00};
+    auto frame = [](uint32_t id, Bytes data, bool ext = false) {
+        BusFrame f;
+        f.id = id;
+        f.extended = ext;
+        f.len = uint8_t(data.size());
+        std::memcpy(f.data, data.data(), data.size());
+        return f;
+    };
+    // Frames another identifier, the other identifier size or no data are passed over;
+    // the answer after them is taken.
+    ASSERT_EQ(CAN_UDS_SendMsg(handle, 0, a, sf, 3), 0);
+    peer->send(frame(0x7E9, {0x02, 0x7E, 0x01}));
+    peer->send(frame(0x7E8, {0x02, 0x7E, 0x02}, true));
+    peer->send(frame(0x7E8, {}));
+    peer->send(frame(0x7E8, {0x30, 0x00, 0x00}));  // flow control: ignored by a response
+    peer->send(frame(0x7E8, {0x02, 0x7E, 0x00}));
+    Bytes out(64);
+    EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 500), 2);
+    EXPECT_EQ(Bytes(out.begin(), out.begin() + 2), (Bytes{0x7E, 0x00}));
+    // A protocol-control type above 3.
+    peer->send(frame(0x7E8, {0x40, 0x01}));
+    EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 500), CAN_UDS_ERR_FRAME);
+    // An empty single frame, and one whose length runs past its frame.
+    peer->send(frame(0x7E8, {0x00, 0x00, 0x55}));
+    EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 500), 0);
+    peer->send(frame(0x7E8, {0x05, 0x01, 0x02}));
+    EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 500), CAN_UDS_ERR_FRAME);
+    // A first frame announcing 12 bytes of which 6 come at once; the flow control it
+    // gets is 30 00 00 padded; consecutive frames beyond the total are not copied.
+    ecu->clear_log();
+    peer->send(frame(0x7E8, {0x10, 0x0C, 1, 2, 3, 4, 5, 6}));
+    peer->send(frame(0x7E8, {0x21, 7, 8, 9, 10, 11, 12, 13}));
+    Bytes exact(12);
+    EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, exact.data(), 500), 12);
+    EXPECT_EQ(exact, (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
+    ASSERT_EQ(heard().size(), 1u);
+    EXPECT_EQ(heard()[0], (Bytes{0x30, 0x00, 0x00, 0x55, 0x55, 0x55, 0x55, 0x55}));
+    // GetMsg alone: the next matching frame's bytes, 0 when there is none.
+    peer->send(frame(0x7E8, {0x03, 0x7F, 0x22, 0x31}));
+    EXPECT_TRUE(can_test::eventually([&] { return model<CanModel>().pending(0) > 0; }));
+    uint8_t raw[64];
+    EXPECT_EQ(CAN_UDS_GetMsg(handle, 0, a, raw), 4);
+    EXPECT_EQ(raw[1], 0x7F);
+    EXPECT_EQ(CAN_UDS_GetMsg(handle, 0, a, raw), 0);
+    EXPECT_EQ(CAN_UDS_GetMsg(handle, 0, a, nullptr), POLYBUS_ERR_REFUSED);
+}
+
+TEST_F(CanUdsClassic, SendFailures) {
+    CAN_UDS_ADDR a = addr();
+    Bytes req = {0x3E, 0x00};
+    // The adapter answers the send command wrongly: -98 at once.
+    adapter->inject(Fault::WrongEcho, 0xC02);
+    EXPECT_EQ(CAN_UDS_Request(handle, 0, &a, req.data(), 2), CAN_UDS_ERR_SEND);
+    // Nobody acknowledges: the adapter takes nothing for 3 s.
+    ecu->detach();
+    auto t0 = Clock::now();
+    EXPECT_EQ(CAN_UDS_Request(handle, 0, &a, req.data(), 2), CAN_UDS_ERR_NOT_ACCEPTED);
+    const auto took = Clock::now() - t0;
+    EXPECT_GE(took, std::chrono::milliseconds(3000));
+    EXPECT_LT(took, std::chrono::milliseconds(4000));
+    // A batch of no frames, and no frames at all.
+    CAN_MSG m{};
+    EXPECT_EQ(CAN_UDS_SendCANMsg(handle, 0, &m, 0), CAN_UDS_ERR_NOT_ACCEPTED);
+    EXPECT_EQ(CAN_UDS_SendCANMsg(handle, 0, nullptr, 1), POLYBUS_ERR_REFUSED);
+    EXPECT_EQ(CAN_UDS_SendMsg(handle, 0, a, nullptr, 1), POLYBUS_ERR_REFUSED);
+    // An unknown handle.
+    EXPECT_EQ(CAN_UDS_SendMsg(0x41FFFFFF, 0, a, req.data(), 2), CAN_UDS_ERR_SEND);
+    Bytes out(64);
+    EXPECT_EQ(CAN_UDS_Response(0x41FFFFFF, 0, &a, out.data(), 50), CAN_UDS_ERR_TIMEOUT);
+}
+
+TEST_F(CanUdsFd, SendFailuresAndTheExactlyOneRule) {
+    CAN_UDS_ADDR a = addr();
+    Bytes req = {0x3E, 0x00};
+    adapter->inject(Fault::WrongEcho, 0x400A);  // the send status request fails
+    EXPECT_EQ(CAN_UDS_SendMsg(handle, 0, a, req.data(), 2), CAN_UDS_ERR_SEND);
+    // Nobody acknowledges: the adapter aborts every try, for 3 s.
+    CANFD_MSG frames[3];
+    for (auto& f : frames) CAN_UDS_FillCANFDMsg(&f, a, req.data(), 2);
+    ecu->detach();
+    auto t0 = Clock::now();
+    EXPECT_EQ(CAN_UDS_SendCANFDMsg(handle, 0, frames, 3), CAN_UDS_ERR_NOT_ACCEPTED);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(3000));
+    EXPECT_EQ(CAN_UDS_SendCANFDMsg(handle, 0, frames, 0), CAN_UDS_ERR_NOT_ACCEPTED);
+}
+
+TEST(CanUdsFill, FramesAreBuiltAndPadded) {
+    CAN_UDS_ADDR a{};
+    a.RequestId = 0x18DA10F1;
+    a.Flags = CAN_UDS_FLAG_29BIT | CAN_UDS_FLAG_BRS;  // BRS alone means nothing
+    a.FrameLen = 12;
+    uint8_t data[70];
+    std::iota(data, data + 70, uint8_t(1));
+    CAN_MSG m;
+    std::memset(&m, 0xA5, sizeof(m));
+    CAN_UDS_FillCANMsg(&m, a, data, 3);
+    EXPECT_EQ(m.ID, 0x18DA10F1u);
+    EXPECT_EQ(m.ExternFlag, 1);
+    EXPECT_EQ(m.RemoteFlag, 0);
+    EXPECT_EQ(m.DataLen, 12) << "the frame length, even above 8";
+    EXPECT_EQ(Bytes(m.Data, m.Data + 8), (Bytes{1, 2, 3, 0x55, 0x55, 0x55, 0x55, 0x55}));
+    EXPECT_EQ(m.TimeStamp, 0u);
+    CANFD_MSG f;
+    std::memset(&f, 0xA5, sizeof(f));
+    CAN_UDS_FillCANFDMsg(&f, a, data, 5);
+    EXPECT_EQ(f.ID, 0x98DA10F1u);
+    EXPECT_EQ(f.DLC, 12);
+    EXPECT_EQ(f.Flags, 0) << "no CAN FD frame without the CAN FD flag";
+    EXPECT_EQ(Bytes(f.Data, f.Data + 13), (Bytes{1, 2, 3, 4, 5, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55, 0x55, 0}));
+    a.Flags = CAN_UDS_FLAG_CANFD | CAN_UDS_FLAG_BRS;
+    a.FrameLen = 200;  // taken as 8
+    CAN_UDS_FillCANFDMsg(&f, a, data, 70);
+    EXPECT_EQ(f.ID, 0x18DA10F1u);
+    EXPECT_EQ(f.Flags, 0x05);
+    EXPECT_EQ(f.DLC, 8);
+    EXPECT_EQ(f.Data[63], 64) << "at most 64 data bytes";
+    a.Flags = CAN_UDS_FLAG_CANFD;
+    CAN_UDS_FillCANFDMsg(&f, a, data, 1);
+    EXPECT_EQ(f.Flags, 0x04);
+    CAN_UDS_FillCANMsg(nullptr, a, data, 1);  // nothing happens
+}
+
+}  // namespace
