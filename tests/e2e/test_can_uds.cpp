@@ -628,3 +628,96 @@ TEST(CanUdsFill, FramesAreBuiltAndPadded) {
 }
 
 }  // namespace
+
+// ---- The example programs against the ECU ---------------------------------------------
+
+// Each example is compiled here as it stands, its main() renamed; the test calls the
+// function that does the work with the fixture's adapter.
+#include <cstdio>
+#include <cstdlib>
+namespace read_vin_example {
+#define main read_vin_main
+#include "../../examples/uds_read_vin.c"
+#undef main
+}  // namespace read_vin_example
+namespace download_example {
+#define main download_main
+#include "../../examples/uds_download.c"
+#undef main
+}  // namespace download_example
+
+namespace {
+
+// Intel HEX text of `data` at `address` (linear address records, 32 bytes a line).
+std::string intel_hex(uint32_t address, const Bytes& data) {
+    std::string out;
+    auto record = [&](uint16_t offset, uint8_t type, const uint8_t* p, size_t n) {
+        char line[128];
+        int sum = int(n) + (offset >> 8) + (offset & 0xFF) + type;
+        int k = std::snprintf(line, sizeof(line), ":%02X%04X%02X", unsigned(n), unsigned(offset), unsigned(type));
+        for (size_t i = 0; i < n; ++i) {
+            k += std::snprintf(line + k, sizeof(line) - size_t(k), "%02X", p[i]);
+            sum += p[i];
+        }
+        std::snprintf(line + k, sizeof(line) - size_t(k), "%02X\n", unsigned((-sum) & 0xFF));
+        out += line;
+    };
+    uint32_t upper = 0xFFFFFFFF;
+    for (size_t pos = 0; pos < data.size(); pos += 32) {
+        const uint32_t at = address + uint32_t(pos);
+        if (at >> 16 != upper) {
+            upper = at >> 16;
+            const uint8_t base[2] = {uint8_t(upper >> 8), uint8_t(upper)};
+            record(0, 4, base, 2);
+        }
+        record(uint16_t(at), 0, data.data() + pos, std::min<size_t>(32, data.size() - pos));
+    }
+    record(0, 1, nullptr, 0);
+    return out;
+}
+
+TEST_F(CanUdsClassic, ExampleReadsTheVin) {
+    testing::internal::CaptureStdout();
+    const int rc = read_vin_example::read_vin(handle);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(rc, 0) << out;
+    EXPECT_EQ(out, "VIN: WP0ZZZ99ZTS392124\n");
+    // Without the ECU nobody acknowledges, and the example says so.
+    ecu->detach();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(read_vin_example::read_vin(handle), 1);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("is there an ECU on the bus?"), std::string::npos);
+}
+
+TEST_F(CanUdsClassic, ExampleDownloadsAndVerifiesAnImage) {
+    testing::internal::CaptureStdout();
+    int rc = download_example::download(handle, nullptr);
+    std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(rc, 0) << out;
+    EXPECT_NE(out.find("downloaded and verified 136 bytes in 2 blocks"), std::string::npos) << out;
+    Bytes first = ecu->memory(0x08000000, 96);
+    for (size_t i = 0; i < first.size(); ++i) ASSERT_EQ(first[i], uint8_t(i * 37 + 11)) << i;
+    EXPECT_EQ(ecu->memory(0x08000060, 1), Bytes{0xFF}) << "between the blocks nothing was written";
+    // An image from a file: several transfers per block and a read-back in chunks.
+    const Bytes image = pattern(9000, 77);
+    const std::string path = ::testing::TempDir() + "uds_download_image.hex";
+    {
+        FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        const std::string text = intel_hex(0x0800FF00, image);  // crosses a 64 KiB boundary
+        std::fwrite(text.data(), 1, text.size(), f);
+        std::fclose(f);
+    }
+    testing::internal::CaptureStdout();
+    rc = download_example::download(handle, path.c_str());
+    out = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(rc, 0) << out;
+    EXPECT_EQ(ecu->memory(0x0800FF00, image.size()), image);
+    // A file that is not there.
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(download_example::download(handle, "/nonexistent/image.hex"), 1);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("cannot read"), std::string::npos);
+    std::remove(path.c_str());
+}
+
+}  // namespace
