@@ -4,153 +4,13 @@
 #include <chrono>
 #include <cstring>
 #include <numeric>
+#include <thread>
 
-#include "can_model.h"
-#include "can_test_support.h"
-#include "can_uds_ecu.h"
+#include "can_uds_test_support.h"
 
-using namespace polybus_sim;
-using can_test::kClassic;
-using can_test::kFd;
+using namespace uds_test;
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-using Clock = std::chrono::steady_clock;
-
-struct Mode {
-    const char* name;
-    uint32_t adapter;
-    bool ids29;
-    bool ext_addr;
-    bool fd;
-    bool brs;
-    uint8_t frame_len;
-};
-
-const Mode kModes[] = {
-    {"Classic11BitNormal", kClassic, false, false, false, false, 8},
-    {"Classic29BitExtended", kClassic, true, true, false, false, 8},
-    {"FdAdapterClassicFrames", kFd, false, false, false, false, 8},
-    {"Fd64Brs", kFd, false, false, true, true, 64},
-    {"Fd64NoBrs29BitExtended", kFd, true, true, true, false, 64},
-    {"Fd16Brs", kFd, false, false, true, true, 16},
-};
-
-Bytes pattern(size_t n, uint8_t seed) {
-    Bytes b(n);
-    for (size_t i = 0; i < n; ++i) b[i] = uint8_t(seed + i * 7 + (i >> 8));
-    return b;
-}
-
-Bytes concat(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-// The data bytes of a frame as the bus carried it.
-Bytes bytes_of(const BusFrame& f) { return Bytes(f.data, f.data + f.len); }
-
-class UdsFixture : public polybus_test::SimTest {
-protected:
-    virtual Mode mode() const = 0;
-    polybus_sim::AdapterConfig adapter_config() override {
-        polybus_sim::AdapterConfig c;
-        c.identifier = mode().adapter;
-        return c;
-    }
-    void SetUp() override {
-        polybus_test::SimTest::SetUp();
-        if (is_fd()) {
-            CANFD_INIT_CONFIG c{};
-            ASSERT_EQ(CANFD_GetCANSpeedArg(handle, &c, 500000, 2000000), 0);
-            ASSERT_EQ(CANFD_Init(handle, 0, &c), 0);
-        } else {
-            CAN_INIT_CONFIG c{};
-            ASSERT_EQ(CAN_GetCANSpeedArg(handle, &c, 500000), 0);
-            ASSERT_EQ(CAN_Init(handle, 0, &c), 0);
-        }
-        CAN_ClearMsg(handle, 0);
-        CAN_ClearCANMsgFromUDSBuffer(handle, 0);
-        ecu = std::make_shared<UdsEcu>(*adapter, ecu_config());
-        ecu->attach(model<CanModel>().bus(0));
-        trace->clear();
-    }
-    void TearDown() override {
-        ecu->detach();
-        CAN_StopGetMsg(handle, 0);
-        polybus_test::SimTest::TearDown();
-    }
-
-    bool is_fd() const { return can_test::is_fd(mode().adapter); }
-    int x() const { return mode().ext_addr ? 1 : 0; }
-
-    UdsEcuConfig ecu_config() const {
-        const Mode m = mode();
-        UdsEcuConfig c;
-        c.request_id = m.ids29 ? 0x18DA10F1 : 0x7E0;
-        c.response_id = m.ids29 ? 0x18DAF110 : 0x7E8;
-        c.extended_ids = m.ids29;
-        c.extended_addressing = m.ext_addr;
-        c.ecu_address = 0x10;
-        c.tester_address = 0xF1;
-        c.nominal_bps = 500000;
-        c.data_bps = m.fd ? 2000000 : 0;
-        c.fd = m.fd;
-        c.brs = m.brs;
-        c.frame_len = m.fd ? m.frame_len : 8;
-        c.identifiers = {{0xF190, Bytes{'W', 'P', '0', 'Z', 'Z', 'Z', '9', '9', 'Z', 'T', 'S', '3', '9', '2', '1', '2', '4'}},
-                         {0x0101, Bytes{1, 2, 3, 4}},
-                         {0x0102, Bytes{}}};
-        return c;
-    }
-    // Changes the ECU's set-up for one test (its data stays).
-    template <typename F>
-    void ecu_set(F change) {
-        UdsEcuConfig c = ecu->config();
-        change(c);
-        ecu->configure(c);
-    }
-
-    CAN_UDS_ADDR addr() const {
-        const Mode m = mode();
-        CAN_UDS_ADDR a{};
-        a.RequestId = m.ids29 ? 0x18DA10F1 : 0x7E0;
-        a.ResponseId = m.ids29 ? 0x18DAF110 : 0x7E8;
-        a.Flags = uint8_t((m.ids29 ? CAN_UDS_FLAG_29BIT : 0) | (m.fd ? CAN_UDS_FLAG_CANFD : 0) |
-                          (m.brs ? CAN_UDS_FLAG_BRS : 0));
-        a.ExtAddrMode = m.ext_addr ? 1 : 0;
-        a.ExtAddr = 0x10;
-        a.FrameLen = m.frame_len;
-        return a;
-    }
-
-    // One request and its response; `rc` gets the response status.
-    Bytes call(const Bytes& request, int& rc, int timeout_ms = 3000) {
-        CAN_UDS_ADDR a = addr();
-        rc = CAN_UDS_Request(handle, 0, &a, const_cast<uint8_t*>(request.data()), int(request.size()));
-        if (rc != 0) return {};
-        Bytes out(1 << 17, 0xEE);
-        rc = CAN_UDS_Response(handle, 0, &a, out.data(), timeout_ms);
-        out.resize(rc > 0 ? size_t(rc) : 0);
-        return out;
-    }
-    Bytes call(const Bytes& request) {
-        int rc = 0;
-        Bytes out = call(request, rc);
-        EXPECT_GE(rc, 0) << "request of " << request.size() << " bytes";
-        return out;
-    }
-
-    // Frames the ECU heard, their data bytes.
-    std::vector<Bytes> heard() {
-        std::vector<Bytes> out;
-        for (auto& h : ecu->heard()) out.push_back(bytes_of(h.frame));
-        return out;
-    }
-
-    std::shared_ptr<UdsEcu> ecu;
-};
 
 class CanUdsModes : public UdsFixture, public ::testing::WithParamInterface<Mode> {
 protected:
@@ -369,8 +229,31 @@ TEST_F(CanUdsClassic, EscapedFirstFrameLosesFourBytesWithFramesOfEight) {
     EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 1000), 3);
 }
 
-TEST_F(CanUdsClassic, SeparationTimeClasses) {
-    const Bytes request = concat({0x2E, 0x01, 0x02}, pattern(6 + 7 * 45 - 3, 5));  // first frame + 45 consecutive
+// Flow control on classic CAN and with 64-byte CAN FD frames.
+class CanUdsFlowControl : public CanUdsModes {
+protected:
+    // A request of a first frame and 45 consecutive frames.
+    Bytes long_request() const {
+        const Sizes s = sizes_for(GetParam());
+        return concat({0x2E, 0x01, 0x02}, pattern(size_t(s.first + 45 * s.consecutive) - 3, 5));
+    }
+    // Frames per send command the host issued, in order.
+    std::vector<uint32_t> frames_per_command() {
+        std::vector<uint32_t> out;
+        if (is_fd()) {
+            for (auto& s : trace->sends(0x4002)) out.push_back(s.data[11]);
+        } else {
+            for (auto& s : trace->sends(0xC02)) out.push_back((s.length - 1) / 20);
+        }
+        return out;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Modes, CanUdsFlowControl, ::testing::Values(kModes[1], kModes[3]),
+                         [](const ::testing::TestParamInfo<Mode>& i) { return std::string(i.param.name); });
+
+TEST_P(CanUdsFlowControl, SeparationTimeClasses) {
+    const Bytes request = long_request();
     struct Case {
         uint8_t st;
         bool batched;
@@ -380,13 +263,11 @@ TEST_F(CanUdsClassic, SeparationTimeClasses) {
         ecu->clear_log();
         trace->clear();
         EXPECT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02})) << int(c.st);
-        // Commands that carried frames: the first frame, then batches or single frames.
-        std::vector<uint32_t> per_command;
-        for (auto& s : trace->sends(0xC02)) per_command.push_back((s.length - 1) / 20);
+        // The first frame, then batches of 20 or one frame per command.
         if (c.batched) {
-            EXPECT_EQ(per_command, (std::vector<uint32_t>{1, 20, 20, 5})) << "ST " << int(c.st);
+            EXPECT_EQ(frames_per_command(), (std::vector<uint32_t>{1, 20, 20, 5})) << "ST " << int(c.st);
         } else {
-            EXPECT_EQ(per_command, std::vector<uint32_t>(46, 1)) << "ST " << int(c.st);
+            EXPECT_EQ(frames_per_command(), std::vector<uint32_t>(46, 1)) << "ST " << int(c.st);
             auto frames = ecu->heard();
             ASSERT_EQ(frames.size(), 46u);
             for (size_t i = 2; i < frames.size(); ++i)
@@ -395,23 +276,32 @@ TEST_F(CanUdsClassic, SeparationTimeClasses) {
     }
 }
 
-TEST_F(CanUdsClassic, BlockSizesWaitForFlowControlAfterEveryBlock) {
-    const Bytes request = concat({0x2E, 0x01, 0x02}, pattern(6 + 7 * 45 - 3, 5));  // 45 consecutive frames
+TEST_P(CanUdsFlowControl, BlockSizesWaitForFlowControlAfterEveryBlock) {
+    const Bytes request = long_request();
+    const size_t x = GetParam().ext_addr ? 1 : 0;
     for (uint8_t bs : {1, 2, 20, 44, 45}) {
         ecu_set([&](UdsEcuConfig& c) { c.block_size = bs; });
         ecu->clear_log();
+        trace->clear();
         EXPECT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02})) << int(bs);
         EXPECT_EQ(ecu->block_violations(), 0) << "BS " << int(bs);
         size_t flow_controls = 0;
         for (auto& s : ecu->sent())
-            if (s.frame.data[0] == 0x30) ++flow_controls;
+            if (s.frame.data[x] == 0x30) ++flow_controls;
         EXPECT_EQ(flow_controls, 1 + (45 - 1) / bs) << "BS " << int(bs) << ": one more after each block but the last";
+        if (bs == 2) {
+            std::vector<uint32_t> want{1};
+            for (int i = 0; i < 22; ++i) want.push_back(2);
+            want.push_back(1);
+            EXPECT_EQ(frames_per_command(), want) << "the pending batch goes before each wait";
+        }
     }
     // Block size together with a separation time that pauses.
     ecu_set([&](UdsEcuConfig& c) {
         c.block_size = 3;
         c.st_min = 2;
     });
+    ecu->clear_log();
     EXPECT_EQ(call(request), (Bytes{0x6E, 0x01, 0x02}));
     EXPECT_EQ(ecu->block_violations(), 0);
 }
@@ -480,6 +370,10 @@ TEST_F(CanUdsClassic, FaultsOfTheEcu) {
     EXPECT_EQ(CAN_UDS_Response(handle, 0, &a, out.data(), 1000), CAN_UDS_ERR_SEQUENCE);
     EXPECT_EQ(Bytes(out.begin(), out.begin() + 13), concat({0x62, 0x40, 0x00}, pattern(10, 1)));
     EXPECT_EQ(out[13], 0xEE) << "nothing of the bad frame was copied";
+    // The rest of that answer is still coming: let it end and drain it from the adapter
+    // (the next request empties the UDS buffer).
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    CAN_ClearMsg(handle, 0);
     // A single frame announcing more than it holds.
     ecu_set([](UdsEcuConfig& c) {
         c.wrong_sequence_at = 0;
