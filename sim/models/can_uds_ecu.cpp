@@ -301,13 +301,15 @@ void UdsEcu::answer(const std::vector<uint8_t>& request, int64_t end_ns) {
     tx_sequence_ = 1;
     tx_count_ = 0;
     tx_active_ = true;
+    tx_waiting_ = true;
     transmit_at(due, {{frame_of(body, len), 0}}, generation);
 }
 
 void UdsEcu::on_flow_control(const std::vector<uint8_t>& body, int64_t end_ns) {
-    if (!tx_active_ || body.size() < 3) return;
+    if (!tx_active_ || !tx_waiting_ || body.size() < 3) return;
     switch (body[0] & 0x0F) {
         case 0:
+            tx_waiting_ = false;
             tx_block_size_ = body[1];
             tx_st_min_ = body[2];
             send_block(end_ns + cfg_.fc_delay_us * 1000);
@@ -339,7 +341,8 @@ void UdsEcu::send_block(int64_t due_ns) {
         frames.push_back({frame_of(body, len), frames.empty() ? 0 : gap});
         ++in_block;
     }
-    if (tx_pos_ >= tx_data_.size()) tx_active_ = false;  // else the next flow control goes on
+    if (tx_pos_ >= tx_data_.size()) tx_active_ = false;
+    else tx_waiting_ = true;  // the next block after the next flow control
     transmit_at(due_ns, frames, generation_);
 }
 

@@ -141,6 +141,7 @@ private:
 
     // Transmission of a segmented answer.
     bool tx_active_ = false;
+    bool tx_waiting_ = false;  // for the tester's flow control (other flow control is ignored)
     std::vector<uint8_t> tx_data_;
     size_t tx_pos_ = 0;
     unsigned tx_sequence_ = 1;

@@ -446,6 +446,34 @@ TEST_F(CanUdsClassic, FramesOfOtherNodesAndBadFrames) {
     EXPECT_EQ(CAN_UDS_GetMsg(handle, 0, a, nullptr), POLYBUS_ERR_REFUSED);
 }
 
+TEST_F(CanUdsClassic, TheEcuHonoursTheTestersFlowControl) {
+    // Another node acts as tester: block size 2, 5 ms apart, flow control after every
+    // frame of the ECU (only those the ECU waits for count).
+    auto tester = model<CanModel>().add_peer(0, 500000);
+    BusFrame fc;
+    fc.id = 0x7E0;
+    fc.len = 8;
+    const uint8_t fc_bytes[8] = {0x30, 0x02, 0x05, 0, 0, 0, 0, 0};
+    std::memcpy(fc.data, fc_bytes, 8);
+    tester->answer(0x7E8, fc, 100);
+    ecu_set([](UdsEcuConfig& c) { c.identifiers[0x4000] = pattern(40, 1); });  // 43 bytes: 6 frames after the first
+    BusFrame request;
+    request.id = 0x7E0;
+    request.len = 8;
+    const uint8_t req_bytes[8] = {0x03, 0x22, 0x40, 0x00, 0, 0, 0, 0};
+    std::memcpy(request.data, req_bytes, 8);
+    tester->send(request);
+    ASSERT_TRUE(can_test::eventually([&] { return ecu->sent().size() >= 7; }));
+    auto sent = ecu->sent();
+    ASSERT_EQ(sent.size(), 7u);
+    EXPECT_EQ(sent[0].frame.data[0], 0x10);
+    for (size_t i = 1; i < 7; ++i) {
+        EXPECT_EQ(sent[i].frame.data[0], 0x20 | i) << i;
+        if (i % 2 == 0) { EXPECT_GE(sent[i].end_ns - sent[i - 1].end_ns, 5000000) << "separation time " << i; }
+    }
+    tester->stop();
+}
+
 TEST_F(CanUdsClassic, SendFailures) {
     CAN_UDS_ADDR a = addr();
     Bytes req = {0x3E, 0x00};
