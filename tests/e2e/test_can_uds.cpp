@@ -404,7 +404,7 @@ TEST_F(CanUdsClassic, FramesOfOtherNodesAndBadFrames) {
         f.id = id;
         f.extended = ext;
         f.len = uint8_t(data.size());
-        std::memcpy(f.data, data.data(), data.size());
+        if (!data.empty()) std::memcpy(f.data, data.data(), data.size());
         return f;
     };
     // Frames another identifier, the other identifier size or no data are passed over;
