@@ -11,6 +11,7 @@
 #include "lin.h"
 #include "lin_uds.h"
 #include "ldf.h"
+#include "can_uds.h"
 #include "hexfile.h"
 #include "dbc.h"
 
