@@ -7,6 +7,7 @@
 // The request reads identifier 0x0102 (empty) 2047 times: 1 + 2 x 2047 = 4095 bytes, and
 // the answer repeats the identifier 2047 times behind 0x62: 4095 bytes too.
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <vector>
@@ -28,7 +29,14 @@ struct Result {
     double seconds = 0;
     double bus_seconds = 0;
     bool ok = false;
+    int sends = 0;  // commands that put frames on the bus
 };
+
+// Counts the frame sends of the exchange: each costs the bus an adapter round trip.
+std::atomic<int> frame_sends{0};
+void count_sends(const POLYBUS_TRACE_EVENT* ev, void*) {
+    if (ev->Kind == POLYBUS_TRACE_SEND && (ev->Command == 0xC02 || ev->Command == 0x4002)) ++frame_sends;
+}
 
 struct Summary {
     Result best, median;
@@ -44,11 +52,13 @@ Summary run(int handle, const std::shared_ptr<UdsEcu>& ecu, CAN_UDS_ADDR addr, u
     std::vector<Result> results;
     for (int r = 0; r < kRuns; ++r) {
         ecu->clear_log();
+        frame_sends = 0;
         const auto start = std::chrono::steady_clock::now();
         const int rc = CAN_UDS_Request(handle, 0, &addr, request.data(), int(request.size()));
         const int n = rc == 0 ? CAN_UDS_Response(handle, 0, &addr, response.data(), 5000) : rc;
         Result res;
         res.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        res.sends = frame_sends.load();
         res.ok = n == 4095 && response[0] == 0x62;
         if (!res.ok) std::fprintf(stderr, "exchange failed: %d\n", n);
         int64_t bus_ns = 0;
@@ -65,9 +75,11 @@ void report(const char* what, const Summary& s) {
     const double bus = s.best.bus_seconds;
     const double best = bus > 0 ? s.best.seconds / bus : 0, median = bus > 0 ? s.median.seconds / bus : 0;
     const bool ok = s.best.ok && s.median.ok;
-    std::printf("%s: bus time %.1f ms; best %.1f ms = %.2f x, median %.1f ms = %.2f x (target <= %.1f x)%s\n", what,
-                bus * 1e3, s.best.seconds * 1e3, best, s.median.seconds * 1e3, median, kTarget,
-                !ok ? "  FAILED EXCHANGE" : best <= kTarget ? "" : "  MISSED");
+    std::printf("%s: bus time %.1f ms; best %.1f ms = %.2f x, median %.1f ms = %.2f x (target <= %.1f x)%s\n"
+                "    %d frame-send commands; time beyond the bus in the best run: %.2f ms per command\n",
+                what, bus * 1e3, s.best.seconds * 1e3, best, s.median.seconds * 1e3, median, kTarget,
+                !ok ? "  FAILED EXCHANGE" : best <= kTarget ? "" : "  MISSED", s.best.sends,
+                s.best.sends > 0 ? (s.best.seconds - bus) * 1e3 / s.best.sends : 0.0);
 }
 
 }  // namespace
@@ -100,6 +112,7 @@ int main(int argc, char** argv) {
     const auto t0 = std::chrono::steady_clock::now();
     for (int i = 0; i < 200; ++i) CAN_GetStatus(h, 0, &status);
     const double round_trip_ms = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() * 5;
+    USB_SetTraceCallback(&count_sends, nullptr);
     // An ECU that answers at once, so that what is measured is the host's share.
     UdsEcuConfig ecu_config;
     ecu_config.fc_delay_us = 0;

@@ -108,9 +108,18 @@ int UdsEcu::block_violations() {
     return violations_;
 }
 
-uint32_t UdsEcu::nominal_bps() const { return cfg_.nominal_bps; }
-uint32_t UdsEcu::data_bps() const { return cfg_.data_bps; }
-bool UdsEcu::fd_capable() const { return cfg_.fd; }
+uint32_t UdsEcu::nominal_bps() const {
+    std::lock_guard<std::mutex> g(mutex_);
+    return cfg_.nominal_bps;
+}
+uint32_t UdsEcu::data_bps() const {
+    std::lock_guard<std::mutex> g(mutex_);
+    return cfg_.data_bps;
+}
+bool UdsEcu::fd_capable() const {
+    std::lock_guard<std::mutex> g(mutex_);
+    return cfg_.fd;
+}
 
 // ---- Bus side --------------------------------------------------------------------
 

@@ -123,7 +123,7 @@ private:
     uint32_t next_generation_locked() { return ++generation_; }
 
     Adapter& timers_;
-    std::mutex mutex_;
+    mutable std::mutex mutex_;  // the bus calls in with its own lock held: bus, then ECU
     std::weak_ptr<CanBus> bus_;
     UdsEcuConfig cfg_;
     std::vector<uint8_t> memory_;

@@ -32,14 +32,11 @@ int64_t ms_since(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-// Nothing came. Without a reader thread every poll was a fetch from the adapter, which
-// took its time, and the next one should follow at once; a wait served by the reader
-// thread would otherwise spin on the buffer.
-void idle(int dev, unsigned char ch) {
-    const bool served = is_canfd_handle(dev) ? canfd_reception().reading(dev, ch) : can_reception().reading(dev, ch);
-    if (served) std::this_thread::sleep_for(std::chrono::microseconds(200));
-    else std::this_thread::yield();
-}
+// Nothing came: ask again shortly. A poll without a reader thread is a fetch from the
+// adapter, which costs the host and the adapter time; with the reader thread it would
+// only spin on the buffer. 200 us is about one classic frame at 500 kbit/s, so a message
+// ends at most that much later than its last frame.
+void idle() { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
 
 uint8_t host_flags(unsigned char ch) { return static_cast<uint8_t>(0x80u | (static_cast<unsigned>(ch) << 5)); }
 
@@ -236,7 +233,7 @@ POLYBUS_API int CAN_UDS_WaitFC(int dev, unsigned char ch, CAN_UDS_ADDR addr, UDS
             }
         }
         if (ms_since(start) >= timeout_ms) return kTimeout;
-        if (n == 0) idle(dev, ch);
+        if (n == 0) idle();
     }
 }
 
@@ -356,7 +353,7 @@ POLYBUS_API int CAN_UDS_Response(int dev, unsigned char ch, CAN_UDS_ADDR* addr, 
             }
         }
         if (ms_since(start) >= timeout_ms) return kTimeout;
-        if (n == 0) idle(dev, ch);
+        if (n == 0) idle();
     }
 }
 

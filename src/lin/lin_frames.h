@@ -90,7 +90,9 @@ inline void prepare_slave_entry(LIN_EX_MSG& m) {
 // is reported with DataLen 255.
 inline void split_counted_checksum(LIN_EX_MSG& m, uint8_t sent_check_type) {
     const uint8_t k = m.DataLen > 9 ? 9 : m.DataLen;
-    m.Check = k == 0 ? m.PID : m.Data[k - 1];
+    // The byte before Data[k]: the identifier for k = 0, the Check field itself for k = 9.
+    if (k == 0) m.Check = m.PID;
+    else if (k <= 8) m.Check = m.Data[k - 1];
     const size_t n = k > 1 ? k - 1u : 0u;
     m.CheckType = sent_check_type == LIN_EX_CHECK_USER ? uint8_t(LIN_EX_CHECK_USER) : verdict(m.PID, m.Data, n, m.Check);
     m.DataLen = static_cast<uint8_t>(k - 1);

@@ -24,7 +24,7 @@ LIN_EX_MSG frame(uint8_t type, uint8_t id, Bytes data = {}, uint8_t check_type =
     m.PID = id;
     m.CheckType = check_type;
     m.DataLen = static_cast<uint8_t>(data.size());
-    std::memcpy(m.Data, data.data(), data.size() > 8 ? 8 : data.size());
+    if (!data.empty()) std::memcpy(m.Data, data.data(), data.size() > 8 ? 8 : data.size());
     m.BreakBits = 13;
     return m;
 }
