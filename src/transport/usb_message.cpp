@@ -27,7 +27,7 @@ void trace(int dev, int kind, int ep, uint32_t cmd, uint32_t len, const uint8_t*
            int timeout, int result) {
     const TraceHook* hook = g_trace.load(std::memory_order_acquire);
     if (hook == nullptr) return;
-    POLYBUS_TRACE_EVENT ev{dev, kind, ep, cmd, len, data, data_len, timeout, result};
+    POLYBUS_TRACE_EVENT ev{dev, kind, ep, cmd, len, data, data_len, timeout, result, 0, 0, 0};
     hook->callback(&ev, hook->user);
 }
 
@@ -110,19 +110,23 @@ namespace {
 constexpr size_t kPacketMultiple = 512;
 constexpr size_t kDrainPiece = 16384;  // a multiple of kPacketMultiple
 
+// One bulk IN read; returns the bytes that arrived, whether or not the read completed.
+size_t read_some(int DevHandle, void* dest, size_t len, int TimeOutMs) {
+    int transferred = 0;
+    USBBulkReadData(DevHandle, 0x81, dest, static_cast<int>(len), TimeOutMs, &transferred);
+    return transferred > 0 ? static_cast<size_t>(transferred) : 0;
+}
+
 // Reads an answer payload of `total` bytes, keeping the first `keep` of them at `dest`
 // and discarding the rest, so that the pipe stays in step whatever the adapter sent.
 // Returns the bytes stored; stops at the first failed or short read (the adapter sent
-// less than it announced).
+// less than it announced), keeping what that read brought.
 size_t read_payload(int DevHandle, uint8_t* dest, size_t keep, size_t total, int TimeOutMs) {
-    if (keep >= total) {
-        const int n = static_cast<int>(total);
-        return USBBulkReadData(DevHandle, 0x81, dest, n, TimeOutMs) == n ? total : 0;
-    }
+    if (keep >= total) return read_some(DevHandle, dest, total, TimeOutMs);
     size_t done = keep - keep % kPacketMultiple;
     if (done > 0) {
-        const int n = static_cast<int>(done);
-        if (USBBulkReadData(DevHandle, 0x81, dest, n, TimeOutMs) != n) return 0;
+        const size_t got = read_some(DevHandle, dest, done, TimeOutMs);
+        if (got != done) return got;
     }
     size_t stored = done;
     const size_t scratch_size = total - done < kDrainPiece ? total - done : kDrainPiece;
@@ -198,12 +202,14 @@ int USBBulkWriteData(int DevHandle, int ep, unsigned char* data, int len, int Ti
     return 1;
 }
 
-int USBBulkReadData(int DevHandle, int ep, void* data, int len, int TimeOutMs) {
+int USBBulkReadData(int DevHandle, int ep, void* data, int len, int TimeOutMs, int* transferred_out) {
+    if (transferred_out != nullptr) *transferred_out = 0;
     libusb_device_handle* h = open_handle_of(DevHandle);
     if (h == nullptr || len < 0) return 0;
     int transferred = 0;
     int rc = libusb_bulk_transfer(h, static_cast<unsigned char>(ep | 0x80), static_cast<unsigned char*>(data), len,
                                   &transferred, static_cast<unsigned>(TimeOutMs));
+    if (transferred_out != nullptr) *transferred_out = transferred;
     if (rc == 0 && transferred == len) return len;
     (void)libusb_strerror(rc);
     return rc;
@@ -218,10 +224,23 @@ int USBIntWriteData(int DevHandle, int ep, unsigned char* data, int len, int Tim
     return rc == 0 && transferred == len ? 1 : 0;
 }
 
+int vendor_control(libusb_device_handle* h, int DevHandle, const VendorRequest& r, unsigned char* data) {
+    const int rc = libusb_control_transfer(h, r.request_type, r.request, r.value, r.index, data, r.length,
+                                           r.timeout_ms);
+    const TraceHook* hook = g_trace.load(std::memory_order_acquire);
+    if (hook != nullptr) {
+        const uint32_t moved = rc > 0 && data != nullptr ? static_cast<uint32_t>(rc) : 0;
+        POLYBUS_TRACE_EVENT ev{DevHandle, POLYBUS_TRACE_CONTROL, 0, r.request, r.length, data, moved,
+                               static_cast<int>(r.timeout_ms), rc, r.request_type, r.value, r.index};
+        hook->callback(&ev, hook->user);
+    }
+    return rc;
+}
+
 int USBCtrlData(int DevHandle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
                 unsigned char* data, uint16_t wLength, unsigned TimeOutMs) {
     libusb_device_handle* h = open_handle_of(DevHandle);
     if (h == nullptr) return 0;
-    int rc = libusb_control_transfer(h, bmRequestType, bRequest, wValue, wIndex, data, wLength, TimeOutMs);
-    return rc == static_cast<int>(wLength) ? 1 : 0;
+    const VendorRequest request{bmRequestType, bRequest, wValue, wIndex, wLength, TimeOutMs};
+    return vendor_control(h, DevHandle, request, data) == static_cast<int>(wLength) ? 1 : 0;
 }

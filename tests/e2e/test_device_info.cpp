@@ -5,6 +5,7 @@
 #include "device_model.h"
 #include "sim_fixture.h"
 #include "device/device_info.h"
+#include "wire/device.h"
 
 using namespace polybus_sim;
 using namespace polybus_test;
@@ -54,6 +55,31 @@ TEST_F(DeviceInfo, ReportsWhatTheAdapterSays) {
     ASSERT_TRUE(DEV_GetHardwareInfo(handle, hw));
     EXPECT_EQ(hw[0], 1);
     EXPECT_STREQ(reinterpret_cast<char*>(hw + 8), "Polybus SIM-1 rev A");
+}
+
+// A short answer (the header announces more than comes) still yields what came.
+TEST_F(DeviceInfo, ShortAnswersCopyWhatArrived) {
+    DEVICE_INFO full;
+    ASSERT_TRUE(DEV_GetDeviceInfo(handle, &full, nullptr));
+
+    DEVICE_INFO info;
+    memset(&info, 0xAB, sizeof(info));
+    adapter->inject(Fault::ShortPayload, polybus::wire::DEV_GET_INFO);  // 44 of 88 bytes come
+    ASSERT_TRUE(DEV_GetDeviceInfo(handle, &info, nullptr));
+    const auto* got = reinterpret_cast<const uint8_t*>(&info);
+    EXPECT_EQ(0, memcmp(got, &full, 44)) << "the bytes that arrived are copied";
+    for (size_t i = 44; i < sizeof(info); ++i) ASSERT_EQ(got[i], 0) << "byte " << i << " never arrived";
+    EXPECT_EQ(info.FirmwareVersion, 0u);
+
+    const std::string text = adapter->config().function_string;
+    const size_t half = text.size() / 2;
+    char functions[POLYBUS_FUNCTION_STRING_SIZE];
+    memset(functions, 'x', sizeof(functions));
+    adapter->inject(Fault::ShortPayload, polybus::wire::DEV_GET_FUNCTIONS);
+    ASSERT_TRUE(DEV_GetDeviceInfo(handle, &info, functions));
+    EXPECT_EQ(std::string(functions), text.substr(0, half));
+    for (size_t i = half; i <= text.size(); ++i) ASSERT_EQ(functions[i], 0) << "byte " << i;
+    EXPECT_EQ(functions[text.size() + 1], 'x') << "nothing is written past the announced end";
 }
 
 TEST_F(DeviceInfo, PowerAndTimestamp) {

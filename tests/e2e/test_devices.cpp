@@ -1,6 +1,7 @@
 // Discovery, handles, opening, resetting and reconnecting, and how every exchange
 // copes with an adapter that misbehaves, through the simulated adapter.
 #include <chrono>
+#include <stdexcept>
 
 #include "device_model.h"
 #include "gpio_model.h"
@@ -8,6 +9,7 @@
 #include "transport/lock.h"
 #include "transport/usb_device.h"
 #include "transport/usb_message.h"
+#include "wire/device.h"
 
 using namespace polybus_sim;
 using namespace polybus_test;
@@ -115,6 +117,60 @@ TEST_F(Discovery, ResetReconnectsOnlyAtTheSameAddress) {
     USB_CloseDevice(0x41000001);
 }
 
+// A reconnected adapter is a new USB device: closing and opening it again must work
+// without a scan, and so must opening it while it is still open.
+TEST_F(Discovery, ReconnectedAdapterReopensWithoutAScan) {
+    auto a = add(0x41000001);
+    ASSERT_EQ(scan().size(), 1u);
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    ASSERT_TRUE(USB_ResetDevice(0x41000001));
+    ASSERT_TRUE(USB_RetryConnect(0x41000001));
+    ASSERT_TRUE(USB_OpenDevice(0x41000001)) << "reopening the reconnected, open adapter";
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+    ASSERT_TRUE(USB_CloseDevice(0x41000001));
+    ASSERT_TRUE(USB_OpenDevice(0x41000001)) << "reopening after a close";
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+
+    // The same after the reset that device information makes on its own.
+    a->inject(Fault::NoAnswer, polybus::wire::DEV_GET_INFO, 1);
+    ASSERT_TRUE(DEV_GetDeviceInfo(0x41000001, nullptr, nullptr));
+    ASSERT_TRUE(USB_CloseDevice(0x41000001));
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+    USB_CloseDevice(0x41000001);
+}
+
+// The identifier read and the reset are vendor control requests, and the trace shows them.
+TEST_F(Discovery, VendorRequestsAppearInTheTrace) {
+    add(0x41000001);
+    TraceLog trace;
+    ASSERT_EQ(scan().size(), 1u);
+    auto controls = trace.controls();
+    ASSERT_GE(controls.size(), 1u);
+    EXPECT_EQ(controls[0].dev_handle, 0) << "the adapter has no handle while it is recognised";
+    EXPECT_EQ(controls[0].request_type, 0xC1);
+    EXPECT_EQ(controls[0].command, uint32_t{polybus::wire::VENDOR_READ_IDENTIFIER});
+    EXPECT_EQ(controls[0].result, 4);
+    EXPECT_EQ(controls[0].data, (std::vector<uint8_t>{0x01, 0x00, 0x00, 0x41}));
+    EXPECT_EQ(controls[0].timeout_ms, 100);
+    EXPECT_TRUE(trace.sends().empty()) << "control requests are not command frames";
+
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    trace.clear();
+    ASSERT_TRUE(USB_ResetDevice(0x41000001));
+    controls = trace.controls();
+    ASSERT_EQ(controls.size(), 1u);
+    EXPECT_EQ(controls[0].dev_handle, 0x41000001);
+    EXPECT_EQ(controls[0].request_type, 0x41);
+    EXPECT_EQ(controls[0].command, uint32_t{polybus::wire::VENDOR_RESET});
+    EXPECT_EQ(controls[0].value, 0);
+    EXPECT_EQ(controls[0].length, 0u);
+    EXPECT_EQ(controls[0].result, 0);
+    EXPECT_TRUE(controls[0].data.empty());
+    ASSERT_TRUE(USB_RetryConnect(0x41000001));
+    USB_CloseDevice(0x41000001);
+}
+
 TEST_F(Discovery, SilentAdapterFailsToOpenAfterSixSeconds) {
     auto a = add(0x41000001);
     ASSERT_EQ(scan().size(), 1u);
@@ -137,6 +193,22 @@ TEST_F(Discovery, DeviceInformationRecoversFromOneLostAnswer) {
     EXPECT_EQ(info.FirmwareVersion, a->config().firmware_version);
     EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
     USB_CloseDevice(0x41000001);
+}
+
+// A command code has one owner in the simulator: a second registration is refused at
+// once, naming the code, instead of silently replacing the first handler.
+TEST(SimulatedAdapter, RegisteringACommandCodeTwiceIsRefused) {
+    auto a = std::make_shared<Adapter>(AdapterConfig{});
+    a->on(0x7777, [](const Frame&) {});
+    try {
+        a->on(0x7777, [](const Frame&) {});
+        FAIL() << "the second registration was accepted";
+    } catch (const std::logic_error& e) {
+        EXPECT_NE(std::string(e.what()).find("0x7777"), std::string::npos) << e.what();
+    }
+    // A model whose codes are already served cannot be built on the adapter either.
+    install_models(*a);
+    EXPECT_THROW(GpioModel extra(*a), std::logic_error);
 }
 
 // --- faults on an open adapter -------------------------------------------------------

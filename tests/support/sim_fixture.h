@@ -21,6 +21,10 @@ struct TraceEntry {
     std::vector<uint8_t> data;
     int timeout_ms;
     int result;
+    int request_type;  // control requests only
+    int value;
+    int index;
+    int dev_handle;
 };
 
 // Collects the library's transport trace while it is alive.
@@ -34,6 +38,8 @@ public:
     // Requests with this command only.
     std::vector<TraceEntry> sends(uint32_t command);
     std::vector<TraceEntry> gets();
+    // Vendor control requests on endpoint 0.
+    std::vector<TraceEntry> controls();
     void clear();
 
 private:
