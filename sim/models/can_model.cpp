@@ -6,18 +6,21 @@
 #include <map>
 
 #include "device_model.h"
+#include "wire/can.h"
+#include "wire/canfd.h"
 
 namespace polybus_sim {
+
+using namespace polybus::wire;
 
 namespace {
 
 constexpr size_t kClassicRecord = 20;
 constexpr size_t kFdRecord = 76;
-constexpr size_t kFdHead = 12;
 constexpr size_t kAdapterQueue = 200000;  // frames the adapter holds for the host
-constexpr uint32_t kStorageBase = 0x080C0000u;
-constexpr uint32_t kStorageMagic = 0x9A21538Bu;
-constexpr size_t kStorageHeader = 784;
+constexpr uint32_t kStorageBase = kCanScheduleStorage;
+constexpr uint32_t kStorageMagic = kCanScheduleMagic;
+constexpr size_t kStorageHeader = kCanScheduleHeader;
 
 uint32_t le32(const uint8_t* p) { return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24; }
 void put_le32(std::vector<uint8_t>& out, uint32_t v) {
@@ -638,7 +641,7 @@ std::shared_ptr<CanModel::Tables> CanModel::stored_schedule(int index) {
 // ---- Classic adapter ----------------------------------------------------------------
 
 void CanModel::classic_commands() {
-    adapter_.on(0xC00, [this](const Frame& f) {
+    adapter_.on(CAN_INIT, [this](const Frame& f) {
         const int index = f.u8(0);
         if (index < kChannels && f.payload.size() >= 13) {
             std::lock_guard<std::mutex> g(mutex_);
@@ -655,7 +658,7 @@ void CanModel::classic_commands() {
         }
         adapter_.answer(f.command);
     });
-    adapter_.on(0xC01, [this](const Frame& f) {
+    adapter_.on(CAN_SET_FILTER, [this](const Frame& f) {
         const unsigned bank = f.u8(1);
         if (bank < 28) {
             std::lock_guard<std::mutex> g(mutex_);
@@ -667,9 +670,9 @@ void CanModel::classic_commands() {
         }
         adapter_.answer(f.command);
     });
-    adapter_.on(0xC02, [this](const Frame& f) { on_classic_send(f); });
-    adapter_.on(0xC03, [this](const Frame& f) { on_fetch(f); });
-    adapter_.on(0xC04, [this](const Frame& f) {
+    adapter_.on(CAN_SEND, [this](const Frame& f) { on_classic_send(f); });
+    adapter_.on(CAN_READ, [this](const Frame& f) { on_fetch(f); });
+    adapter_.on(CAN_GET_STATUS, [this](const Frame& f) {
         Payload p;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -679,11 +682,11 @@ void CanModel::classic_commands() {
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0xC05, [this](const Frame& f) { on_start_schedule(f); });
-    adapter_.on(0xC06, [this](const Frame& f) { on_stop_schedule(f); });
-    adapter_.on(0xC07, [this](const Frame& f) { on_relay(f); });
-    adapter_.on(0xC08, [this](const Frame& f) { on_upload(f, kClassicRecord); });
-    adapter_.on(0xC09, [this](const Frame& f) { on_stop(f); });
+    adapter_.on(CAN_START_SCHEDULE, [this](const Frame& f) { on_start_schedule(f); });
+    adapter_.on(CAN_STOP_SCHEDULE, [this](const Frame& f) { on_stop_schedule(f); });
+    adapter_.on(CAN_SET_RELAY, [this](const Frame& f) { on_relay(f); });
+    adapter_.on(CAN_SET_SCHEDULE, [this](const Frame& f) { on_upload(f, kClassicRecord); });
+    adapter_.on(CAN_STOP, [this](const Frame& f) { on_stop(f); });
 }
 
 void CanModel::on_classic_send(const Frame& f) {
@@ -716,7 +719,7 @@ void CanModel::on_classic_send(const Frame& f) {
 // ---- CAN FD adapter -----------------------------------------------------------------
 
 void CanModel::fd_commands() {
-    adapter_.on(0x4000, [this](const Frame& f) {
+    adapter_.on(CANFD_INIT, [this](const Frame& f) {
         const int index = f.u8(0);
         if (index < kChannels && f.payload.size() >= 21) {
             std::lock_guard<std::mutex> g(mutex_);
@@ -733,7 +736,7 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command);
     });
-    adapter_.on(0x4001, [this](const Frame& f) {
+    adapter_.on(CANFD_SET_FILTER, [this](const Frame& f) {
         const int index = f.u8(0);
         if (index < kChannels) {
             std::lock_guard<std::mutex> g(mutex_);
@@ -744,9 +747,9 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command);
     });
-    adapter_.on(0x4002, [this](const Frame& f) { on_fd_send(f); });
-    adapter_.on(0x4003, [this](const Frame& f) { on_fetch(f); });
-    adapter_.on(0x4004, [this](const Frame& f) {
+    adapter_.on(CANFD_SEND, [this](const Frame& f) { on_fd_send(f); });
+    adapter_.on(CANFD_READ, [this](const Frame& f) { on_fetch(f); });
+    adapter_.on(CANFD_GET_DIAGNOSTIC, [this](const Frame& f) {
         std::vector<uint8_t> out;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -760,7 +763,7 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, out);
     });
-    adapter_.on(0x4005, [this](const Frame& f) {
+    adapter_.on(CANFD_GET_BUS_ERROR, [this](const Frame& f) {
         Payload p;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -769,10 +772,10 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0x4006, [this](const Frame& f) { on_start_schedule(f); });
-    adapter_.on(0x4007, [this](const Frame& f) { on_stop_schedule(f); });
-    adapter_.on(0x4008, [this](const Frame& f) { on_relay(f); });
-    adapter_.on(0x4009, [this](const Frame& f) {
+    adapter_.on(CANFD_START_SCHEDULE, [this](const Frame& f) { on_start_schedule(f); });
+    adapter_.on(CANFD_STOP_SCHEDULE, [this](const Frame& f) { on_stop_schedule(f); });
+    adapter_.on(CANFD_SET_RELAY, [this](const Frame& f) { on_relay(f); });
+    adapter_.on(CANFD_GET_TX_EVENTS, [this](const Frame& f) {
         std::vector<uint8_t> out;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -791,7 +794,7 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, out);
     });
-    adapter_.on(0x400A, [this](const Frame& f) {
+    adapter_.on(CANFD_SEND_STATUS, [this](const Frame& f) {
         Payload p;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -805,8 +808,8 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0x400B, [this](const Frame& f) { on_upload(f, kFdRecord); });
-    adapter_.on(0x400C, [this](const Frame& f) { on_stop(f); });
+    adapter_.on(CANFD_SET_SCHEDULE, [this](const Frame& f) { on_upload(f, kFdRecord); });
+    adapter_.on(CANFD_STOP, [this](const Frame& f) { on_stop(f); });
 }
 
 void CanModel::on_fd_send(const Frame& f) {

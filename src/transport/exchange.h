@@ -231,6 +231,15 @@ inline int answered(int DevHandle, Command& request, Timing timing = {}, Route r
     AnswerBuffer<16> answer;
     return transact(DevHandle, request, answer, timing, route);
 }
+// A command with a small answer (up to 16 bytes kept) judged by `judge`, a function of
+// the Answer returning kOk or a status: judged(dev, request, [&](const Answer& a) {
+// return expect_byte(a, 0, state); }).
+template <typename Judge>
+int judged(int DevHandle, Command& request, Judge&& judge, Timing timing = {}, Route route = {}) {
+    AnswerBuffer<16> answer;
+    const int rc = transact(DevHandle, request, answer, timing, route);
+    return rc != kOk ? rc : judge(static_cast<const Answer&>(answer));
+}
 // A command whose success is an empty answer.
 inline int acknowledged(int DevHandle, Command& request, Timing timing = {}, Route route = {}) {
     AnswerBuffer<16> answer;
