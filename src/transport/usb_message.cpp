@@ -8,9 +8,14 @@
 
 #include "polybus/trace.h"
 #include "transport/bytes.h"
+#include "transport/exchange.h"
 #include "transport/usb_device.h"
 
 using polybus::get_be32;
+using polybus::kBadAnswer;
+using polybus::kNoHeader;
+using polybus::kOk;
+using polybus::kSendFailed;
 using polybus::put_be32;
 
 namespace {
@@ -42,14 +47,14 @@ constexpr size_t kStackFrame = 512;
 
 template <typename Write>
 int send_framed(int DevHandle, USB_MSG* msg, int TimeOutMs, int kind, int ep, Write&& write) {
-    if (msg == nullptr) return -2;
+    if (msg == nullptr) return kSendFailed;
     const size_t total = size_t{msg->Length} + 8;
     uint8_t stack_buf[kStackFrame];
     std::unique_ptr<uint8_t[]> heap;
     uint8_t* frame = stack_buf;
     if (total > kStackFrame) {
         heap.reset(new (std::nothrow) uint8_t[total]);
-        if (!heap) return -4;
+        if (!heap) return kBadAnswer;
         frame = heap.get();
     }
     put_be32(frame, msg->Command);
@@ -57,7 +62,7 @@ int send_framed(int DevHandle, USB_MSG* msg, int TimeOutMs, int kind, int ep, Wr
     if (msg->Length != 0 && msg->Data != nullptr) std::memcpy(frame + 8, msg->Data, msg->Length);
     else if (msg->Length != 0) std::memset(frame + 8, 0, msg->Length);
     int ok = write(frame, static_cast<int>(total));
-    int result = ok ? 0 : -2;
+    int result = ok ? kOk : kSendFailed;
     trace(DevHandle, kind, ep, msg->Command, msg->Length, frame + 8, msg->Length, TimeOutMs, result);
     return result;
 }
@@ -151,8 +156,8 @@ size_t read_payload(int DevHandle, uint8_t* dest, size_t keep, size_t total, int
 int get_header(int DevHandle, USB_MSG* msg, int TimeOutMs) {
     uint8_t header[8];
     if (USBBulkReadData(DevHandle, 0x81, header, 8, TimeOutMs) != 8) {
-        trace(DevHandle, POLYBUS_TRACE_GET, 0x81, 0, 0, nullptr, 0, TimeOutMs, -3);
-        return -3;
+        trace(DevHandle, POLYBUS_TRACE_GET, 0x81, 0, 0, nullptr, 0, TimeOutMs, kNoHeader);
+        return kNoHeader;
     }
     msg->Command = get_be32(header);
     msg->Length = get_be32(header + 4);
@@ -162,8 +167,8 @@ int get_header(int DevHandle, USB_MSG* msg, int TimeOutMs) {
 
 int MSG_GetBounded(int DevHandle, USB_MSG* msg, size_t capacity, size_t* received, int TimeOutMs) {
     if (received != nullptr) *received = 0;
-    if (msg == nullptr) return -3;
-    if (get_header(DevHandle, msg, TimeOutMs) != 0) return -3;
+    if (msg == nullptr) return kNoHeader;
+    if (get_header(DevHandle, msg, TimeOutMs) != 0) return kNoHeader;
     const int32_t announced = static_cast<int32_t>(msg->Length);
     size_t got = 0;
     if (announced > 0) {
@@ -177,7 +182,7 @@ int MSG_GetBounded(int DevHandle, USB_MSG* msg, size_t capacity, size_t* receive
 }
 
 int MSG_Get(int DevHandle, USB_MSG* msg, int TimeOutMs) {
-    if (msg == nullptr) return -3;
+    if (msg == nullptr) return kNoHeader;
     if (msg->Data != nullptr) {
         // The caller promised room for whatever this command can answer.
         return MSG_GetBounded(DevHandle, msg, SIZE_MAX, nullptr, TimeOutMs);

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <thread>
 
-#include "can_test_support.h"
+#include "can_fixture.h"
 
 using namespace can_test;
 using namespace polybus_sim;

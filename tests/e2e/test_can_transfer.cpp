@@ -5,7 +5,7 @@
 #include <climits>
 #include <cstring>
 
-#include "can_test_support.h"
+#include "can_fixture.h"
 
 using namespace can_test;
 using namespace polybus_sim;

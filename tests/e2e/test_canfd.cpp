@@ -2,10 +2,13 @@
 // per-channel send endpoint, send-status polling and transmit events, diagnostics.
 #include <cstring>
 
-#include "can_test_support.h"
+#include "can_fixture.h"
+#include "expect_request.h"
+#include "wire/canfd.h"
 
 using namespace can_test;
 using namespace polybus_sim;
+using namespace polybus_test;
 
 namespace {
 class CanFd : public CanKindTest {
@@ -49,10 +52,13 @@ TEST_P(CanFd, LongFramesWithBitRateSwitchCrossTheBus) {
     // One request of 4 packed frames: 12-byte head, then 12 + coded length each.
     auto sends = trace->sends();
     ASSERT_GE(sends.size(), 3u);
-    EXPECT_EQ(sends[0].command, 0x4002u);
     EXPECT_EQ(sends[0].length, 12u + (12 + 64) + (12 + 20) + (12 + 16) + (12 + 8));
-    EXPECT_EQ(std::vector<uint8_t>(sends[0].data.begin(), sends[0].data.begin() + 12),
-              (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4}));
+    EXPECT_REQUEST(sends[0], request(polybus::wire::CANFD_SEND)
+                                 .zeros(10).u8(0, "channel").u8(4, "frames")
+                                 .le32(0x1234567 >> 18 | (0x1234567 & 0x3FFFF) << 11, "word 0: 29-bit layout")
+                                 .le32(15 | 1 << 4 | 1 << 6 | 1 << 7, "word 1: DLC 15, 29-bit, BRS, FD, index 0")
+                                 .le32(0, "word 2: no time stamp")
+                                 .and_more());
     const uint8_t* second = sends[0].data.data() + 12 + 76;
     EXPECT_EQ(second[4] & 0xF, 11) << "20 bytes: coded DLC 11";
     EXPECT_EQ(second[5] >> 1, 1) << "index within the request";

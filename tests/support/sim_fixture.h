@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "adapter.h"
@@ -67,5 +69,17 @@ protected:
 
 // Scans and returns the handles found.
 std::vector<int> scan();
+
+// Polls `done` every 2 ms for up to `limit`: for what the simulated adapter does in
+// its own time (bus traffic, reader threads).
+template <typename F>
+bool eventually(F done, std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
 
 }  // namespace polybus_test
