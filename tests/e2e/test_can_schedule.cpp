@@ -54,7 +54,7 @@ TEST_P(Schedule, TheAdapterPlaysTablesWithTheirPauses) {
     ASSERT_EQ(upload(0), 0);
     auto sends = trace->sends();
     ASSERT_EQ(sends.size(), 1u);
-    EXPECT_EQ(sends[0].command, fd() ? 0x400Bu : 0xC08u);
+    EXPECT_EQ(sends[0].command, fd() ? uint32_t{CANFD_SET_SCHEDULE} : uint32_t{CAN_SET_SCHEDULE});
     EXPECT_EQ(trace->gets()[0].timeout_ms, 5000);
     const size_t record = fd() ? sizeof(CANFD_MSG) : sizeof(CAN_MSG);
     EXPECT_EQ(sends[0].length, 2 + 2 * 3 + 4 * record);
@@ -90,7 +90,7 @@ TEST_P(Schedule, TheAdapterPlaysTablesWithTheirPauses) {
     ASSERT_TRUE(eventually([&] { return can().channel(0).schedule_frames >= 10; }));
     trace->clear();
     ASSERT_EQ(CAN_StopSchedule(handle, 0), 0);
-    EXPECT_EQ(trace->sends()[0].command, fd() ? 0x4007u : 0xC06u);
+    EXPECT_EQ(trace->sends()[0].command, fd() ? uint32_t{CANFD_STOP_SCHEDULE} : uint32_t{CAN_STOP_SCHEDULE});
     const uint64_t played = can().channel(0).schedule_frames;
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(can().channel(0).schedule_frames, played);
@@ -100,7 +100,7 @@ TEST_P(Schedule, TheAdapterPlaysTablesWithTheirPauses) {
     EXPECT_EQ(CAN_StartSchedule(handle, 0, 7, 0, 0), -4);
     EXPECT_EQ(GetCapturedStdout(), "res = 1 ret = 0\n");
     EXPECT_EQ(CAN_SetSchedule(handle, 0, frames.data(), counts.data(), params.data(), 0), 0);
-    adapter->inject(Fault::Oversized, fd() ? 0x4007 : 0xC06);
+    adapter->inject(Fault::Oversized, fd() ? uint32_t{CANFD_STOP_SCHEDULE} : uint32_t{CAN_STOP_SCHEDULE});
     EXPECT_EQ(CAN_StopSchedule(handle, 0), 0) << "the stop answer's content is not judged";
 }
 
@@ -113,11 +113,11 @@ TEST_P(ClassicSchedule, SmallSchedulesGoInOneCommand) {
     build(3, 170, 1);  // 10209 bytes: the largest that still fits
     ASSERT_EQ(upload(1), 0);
     ASSERT_EQ(trace->sends().size(), 1u);
-    EXPECT_EQ(trace->sends()[0].command, 0xC08u);
+    EXPECT_EQ(trace->sends()[0].command, uint32_t{CAN_SET_SCHEDULE});
     EXPECT_EQ(trace->sends()[0].length, 10211u);
 
     // An upload answered without its verdict byte fails: the line is printed.
-    adapter->inject(Fault::EmptyPayload, 0xC08);
+    adapter->inject(Fault::EmptyPayload, CAN_SET_SCHEDULE);
     build(1, 1, 1);
     CaptureStdout();
     EXPECT_EQ(upload(0), -4);
@@ -153,7 +153,7 @@ TEST_P(ClassicSchedule, LargeSchedulesGoToStorageAndPlayFromThere) {
     // Channel 0's storage is its own; channel 1 plays table 2 (7 times) from storage.
     build(3, 171, 0);
     ASSERT_EQ(upload(0), 0);
-    EXPECT_EQ(trace->sends().back().command, 0x010Au);
+    EXPECT_EQ(trace->sends().back().command, uint32_t{DEV_WRITE_SCH_DATA});
     ASSERT_EQ(CAN_StartSchedule(handle, 1, 2, 1, 0), 0);
     ASSERT_TRUE(eventually([&] { return can().pending(0) >= 7 * 171; }));
     auto got = take_all(0);
@@ -168,7 +168,7 @@ TEST_P(ClassicSchedule, LargeSchedulesGoToStorageAndPlayFromThere) {
     ASSERT_TRUE(eventually([&] { return can().pending(0) >= 1; }));
     EXPECT_EQ(take_all(0)[0].ID, 0x100u);
 
-    adapter->inject(Fault::Oversized, 0x010C);
+    adapter->inject(Fault::Oversized, DEV_ERASE_SCH_DATA);
     build(3, 171, 0);
     EXPECT_EQ(upload(0), -4);
     EXPECT_EQ(CAN_SetSchedule(handle, 0, nullptr, counts.data(), params.data(), 3), -4);

@@ -79,7 +79,7 @@ TEST_P(ClassicSetup, InitSendsRegisterCodesAndAnchorsTheTimeBase) {
 
     // A failed init does not read the clock.
     trace->clear();
-    adapter->inject(Fault::Oversized, 0xC00);
+    adapter->inject(Fault::Oversized, CAN_INIT);
     EXPECT_EQ(CAN_Init(handle, 0, &c), -4) << "only an empty answer is good";
     EXPECT_EQ(trace->sends().size(), 1u);
     EXPECT_EQ(CAN_Init(handle, 0, &c), 0);
@@ -118,7 +118,7 @@ TEST_P(ClassicSetup, FilterRegistersAndBanks) {
                                           .u8(0, "channel").u8(3, "bank").u8(1, "list mode").u8(1, "32-bit scale")
                                           .be32(0x24600002, "identifier register")
                                           .be32(6, "mask register: IDE and RTR only").u8(0).u8(0, "enable"));
-    adapter->inject(Fault::Oversized, 0xC01);
+    adapter->inject(Fault::Oversized, CAN_SET_FILTER);
     EXPECT_EQ(CAN_Filter_Init(handle, 0, &f), -4);
     EXPECT_EQ(CAN_Filter_Init(handle, 0, nullptr), -4);
 }
@@ -131,10 +131,10 @@ TEST_P(ClassicSetup, StopClosesTheChannelAndEmptiesItsBuffer) {
     ASSERT_EQ(CAN_Stop(handle, 0), 0);
     auto sends = trace->sends();
     ASSERT_GE(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0xC09u);
-    EXPECT_EQ(sends[1].command, 0xC03u) << "the adapter is drained as the buffer is emptied";
+    EXPECT_EQ(sends[0].command, uint32_t{CAN_STOP});
+    EXPECT_EQ(sends[1].command, uint32_t{CAN_READ}) << "the adapter is drained as the buffer is emptied";
     // The emptied buffer and the channel off the bus: CanTransfer.OnlyInitialisedChannelsAtTheSameRateTalk.
-    adapter->inject(Fault::Oversized, 0xC09);
+    adapter->inject(Fault::Oversized, CAN_STOP);
     EXPECT_EQ(CAN_Stop(handle, 1), -4);
 }
 
@@ -166,7 +166,7 @@ TEST_P(ClassicSetup, RelaySettingsRoundTripThroughUserData) {
     EXPECT_REQUEST(trace->sends().back(), request(DEV_READ_USER_DATA).be32(0, "offset").be32(10812, "length"));
 
     // A read-back that differs fails the write.
-    adapter->inject(Fault::ShortPayload, 0x0108);
+    adapter->inject(Fault::ShortPayload, DEV_READ_USER_DATA);
     EXPECT_EQ(CAN_SetRelayData(handle, &header, entries.data()), -4);
     // Too many entries for one user-data write: refused after the erase.
     header.EntryCount = 122;
@@ -227,9 +227,9 @@ TEST_P(FdSetup, ClassicCallsBecomeCanFdCommands) {
     ASSERT_EQ(CAN_Stop(handle, 1), 0);
     sends = trace->sends();
     ASSERT_EQ(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0x400Cu);
-    EXPECT_EQ(sends[1].command, 0x4003u);
-    adapter->inject(Fault::Oversized, 0x400C);
+    EXPECT_EQ(sends[0].command, uint32_t{CANFD_STOP});
+    EXPECT_EQ(sends[1].command, uint32_t{CANFD_READ});
+    adapter->inject(Fault::Oversized, CANFD_STOP);
     EXPECT_EQ(CAN_Stop(handle, 1), -4);
 }
 

@@ -45,7 +45,7 @@ TEST_F(DeviceInfo, ReportsWhatTheAdapterSays) {
     EXPECT_EQ(trace->gets()[1].timeout_ms, 100);
 
     // A missing function-string reply leaves an empty string, not garbage.
-    adapter->inject(Fault::NoAnswer, 0x0106);
+    adapter->inject(Fault::NoAnswer, DEV_GET_FUNCTIONS);
     ASSERT_TRUE(DEV_GetDeviceInfo(handle, &info, functions));
     EXPECT_STREQ(functions, "");
     // An over-long one is cut to the documented room.
@@ -93,7 +93,7 @@ TEST_F(DeviceInfo, PowerAndTimestamp) {
     uint64_t us = 0;
     memcpy(&us, stamp, 8);
     EXPECT_GT(us, 0u);
-    adapter->inject(Fault::NoAnswer, 0x0011);
+    adapter->inject(Fault::NoAnswer, DEV_GET_TIMESTAMP);
     EXPECT_FALSE(DEV_GetTimestamp(handle, 0, stamp));
 }
 
@@ -157,7 +157,7 @@ TEST_F(DeviceInfo, ScheduleDataMovesInChunksThatAllCarryTheCallersAddress) {
 
     // A chunk answered with a payload stops the transfer.
     trace->clear();
-    adapter->inject(Fault::Oversized, 0x010A);
+    adapter->inject(Fault::Oversized, DEV_WRITE_SCH_DATA);
     EXPECT_FALSE(DEV_WriteSchData(handle, 0, data.data(), 25000));
     EXPECT_EQ(trace->sends().size(), 1u);
 }
@@ -192,10 +192,10 @@ TEST_F(DeviceInfo, RawConfigurationAreaTransfers) {
     EXPECT_EQ(ARG_Write(handle, 16, twelve, 12), -6);
     storage().force_config_status(2);
     EXPECT_EQ(ARG_Read(handle, 16, back, 12), -7);
-    adapter->inject(Fault::EmptyPayload, 0x5002);
+    adapter->inject(Fault::EmptyPayload, ARG_READ);
     EXPECT_EQ(ARG_Read(handle, 16, back, 12), -4);
     // A status byte that is announced but never comes is no status.
-    adapter->inject(Fault::ShortPayload, 0x5000);
+    adapter->inject(Fault::ShortPayload, ARG_INIT);
     EXPECT_EQ(ARG_Init(handle), -4);
     EXPECT_EQ(ARG_Init(handle), 0);
 }

@@ -76,13 +76,13 @@ TEST_F(Gpio, PulseTrainsWaitForTheWholeTrain) {
 
 TEST_F(Gpio, RejectedAnswers) {
     unsigned v = 0x1234;
-    adapter->inject(Fault::EmptyPayload, 0x0604);
+    adapter->inject(Fault::EmptyPayload, GPIO_READ);
     EXPECT_EQ(GPIO_Read(handle, 1, &v), -4);
     EXPECT_EQ(v, 0x1234u);
     // Acknowledgements must be empty.
-    adapter->inject(Fault::Oversized, 0x0601);
+    adapter->inject(Fault::Oversized, GPIO_SET_OUTPUT);
     EXPECT_EQ(GPIO_SetOutput(handle, 1, 0), -4);
-    adapter->inject(Fault::Oversized, 0x0806);
+    adapter->inject(Fault::Oversized, GPIO_SEND_PULSES);
     pins().set_time_scale(0);
     EXPECT_EQ(GPIO_SendPulses(handle, 1, 1, 2, 1), -4);
     EXPECT_EQ(GPIO_Read(handle, 1, nullptr), 0) << "a null output is tolerated";
