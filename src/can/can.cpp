@@ -62,8 +62,6 @@ constexpr size_t kUserDataWriteLimit = 20480;
     for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-int fetch_classic(int dev, unsigned char channel) { return CAN_ReadMsgToBuffer(dev, channel); }
-
 // CAN FD frames for a call handed on to the CAN FD family; null when the memory cannot
 // be had, which the caller reports as kBadAnswer instead of letting an exception out.
 std::unique_ptr<CANFD_MSG[]> fd_frames(size_t n) {
@@ -85,19 +83,7 @@ int take_fd(int dev, unsigned char ch, CAN_MSG* out, int size,
     return n;
 }
 
-CAN_MSG* read_scratch() {
-    thread_local std::unique_ptr<CAN_MSG[]> scratch(new CAN_MSG[CAN_READ_MAX_FRAMES]);
-    return scratch.get();
-}
-
 }  // namespace
-
-namespace polybus {
-Reception<CAN_MSG>& can_reception() {
-    static Reception<CAN_MSG> reception(&fetch_classic);
-    return reception;
-}
-}  // namespace polybus
 
 extern "C" {
 
@@ -307,7 +293,7 @@ POLYBUS_API int CAN_ReadMsg(int dev, unsigned char ch, CAN_MSG* out) {
 
 POLYBUS_API int CAN_ReadMsgToBuffer(int dev, unsigned char ch) {
     if (is_canfd_model(dev)) return CANFD_ReadMsgToBuffer(dev, ch);
-    CAN_MSG* frames = read_scratch();
+    CAN_MSG* frames = thread_scratch<CAN_MSG, CAN_READ_MAX_FRAMES>();
     const int n = CAN_ReadMsg(dev, ch, frames);
     if (n < 0) return n;
     sort_by_stamp(frames, static_cast<size_t>(n));

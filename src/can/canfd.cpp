@@ -29,18 +29,6 @@ int fetch_channel_record(int dev, uint32_t code, unsigned char ch, Record* out, 
     return fetch_echoed(dev, request, out, sizeof(Record), {}, route);
 }
 
-int fetch_fd(int dev, unsigned char ch) { return CANFD_ReadMsgToBuffer(dev, ch); }
-
-CANFD_MSG* read_scratch() {
-    thread_local std::unique_ptr<CANFD_MSG[]> scratch(new CANFD_MSG[CANFD_READ_MAX_FRAMES]);
-    return scratch.get();
-}
-
-uint8_t* answer_scratch() {
-    thread_local std::unique_ptr<uint8_t[]> scratch(new uint8_t[kFdReadBytes]);
-    return scratch.get();
-}
-
 // Waits until the adapter has finished the last send request of the channel. Returns
 // the status call's failure, or 0 with `number` = events to fetch (0: the request did
 // not finish in time) and `aborted` set when the adapter gave up.
@@ -113,13 +101,6 @@ int send_chunk(int dev, unsigned char ch, CANFD_MSG* chunk, uint32_t k, bool& ab
 
 }  // namespace
 
-namespace polybus {
-Reception<CANFD_MSG>& canfd_reception() {
-    static Reception<CANFD_MSG> reception(&fetch_fd);
-    return reception;
-}
-}  // namespace polybus
-
 extern "C" {
 
 POLYBUS_API int CANFD_Init(int dev, unsigned char ch, CANFD_INIT_CONFIG* cfg) {
@@ -160,7 +141,7 @@ POLYBUS_API int CANFD_SendMsgStatus(int dev, unsigned char ch, CAN_TX_BUFFER_FLA
 POLYBUS_API int CANFD_ReadMsg(int dev, unsigned char ch, CANFD_MSG* out) {
     Command request(CANFD_READ);
     request.u8(ch & 1);
-    uint8_t* packed = answer_scratch();
+    uint8_t* packed = thread_scratch<uint8_t, kFdReadBytes>();
     Answer answer(packed, kFdReadBytes);
     const int rc = transact(dev, request, answer);
     if (rc != kOk) return rc;
@@ -211,7 +192,7 @@ POLYBUS_API int CANFD_GetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned c
 // ---- Receive buffering ------------------------------------------------------------
 
 POLYBUS_API int CANFD_ReadMsgToBuffer(int dev, unsigned char ch) {
-    CANFD_MSG* frames = read_scratch();
+    CANFD_MSG* frames = thread_scratch<CANFD_MSG, CANFD_READ_MAX_FRAMES>();
     const int n = CANFD_ReadMsg(dev, ch, frames);
     if (n < 0) return n;
     canfd_reception().append(dev, ch, frames, static_cast<size_t>(n), true);

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -23,6 +24,14 @@
 #include "transport/lock.h"
 
 namespace polybus {
+
+// A buffer of N elements owned by the calling thread for its lifetime: fetches (every
+// 10 ms on a reader thread) land in it without an allocation each time.
+template <typename T, size_t N>
+T* thread_scratch() {
+    thread_local std::unique_ptr<T[]> scratch(new T[N]);
+    return scratch.get();
+}
 
 template <typename Msg>
 class Reception {

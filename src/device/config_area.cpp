@@ -114,7 +114,7 @@ private:
 int read_header(int dev, uint16_t addr, ArgHeader& h) {
     uint8_t raw[12] = {0};
     int rc = ARG_Read(dev, addr, raw, 12);
-    if (rc != 0) return rc;
+    if (rc != kOk) return rc;
     h.id = get_le32(raw);
     h.length = get_le32(raw + 4);
     h.crc = get_le16(raw + 8);
@@ -147,10 +147,32 @@ int write_record(int dev, uint16_t addr, uint32_t id, const uint8_t* data, uint3
     h.next = next;
     pause_before_access();
     int rc = write_header(dev, addr, h);
-    if (rc != 0) return rc;
+    if (rc != kOk) return rc;
     pause_before_access();
     return ARG_Write(dev, static_cast<uint16_t>(addr + 12), const_cast<uint8_t*>(data), static_cast<uint16_t>(len));
 }
+
+// Walks the chain from the first header to the record with key `id`. Returns kOk with
+// `addr` and `h` at that record, a read failure as it is, or `not_found` when `goes_on`
+// says the chain ends at a header (or the chain comes back on itself).
+int find_record(int dev, uint32_t id, bool (*goes_on)(const ArgHeader&), int not_found, uint16_t& addr,
+                ArgHeader& h) {
+    addr = kFirstHeader;
+    ChainWalk walk;
+    while (walk.enter(addr)) {
+        const int rc = read_header(dev, addr, h);
+        if (rc != kOk) return rc;
+        if (h.id == id) return kOk;
+        if (!goes_on(h)) return not_found;
+        addr = h.next;
+    }
+    return not_found;
+}
+
+// A read follows `next` until a last record (0xFFFF) or a record without successor (0).
+bool has_successor(const ArgHeader& h) { return h.next != 0 && h.next != 0xFFFF; }
+// An erase follows `next` through every marked header, without testing it.
+bool is_marked(const ArgHeader& h) { return h.marked(); }
 
 }  // namespace
 
@@ -158,24 +180,16 @@ extern "C" {
 
 POLYBUS_API int ARG_ReadArgData(int dev, unsigned int ArgId, unsigned char* pData) {
     ArgHeader h;
-    uint16_t addr = kFirstHeader;
-    ChainWalk walk;
-    while (walk.enter(addr)) {
-        int rc = read_header(dev, addr, h);
-        if (rc != 0) return rc;
-        if (h.id == ArgId) {
-            const uint16_t len = static_cast<uint16_t>(h.length & 0xFFFF);
-            std::vector<uint8_t> data(len + 1u);
-            rc = ARG_Read(dev, static_cast<uint16_t>(addr + 12), data.data(), len);
-            if (rc != 0) return rc;
-            if (crc16_ccitt(data.data(), len) != h.crc) return ARG_ERR_CRC;
-            if (pData != nullptr) std::memcpy(pData, data.data(), len);
-            return static_cast<int>(h.length);
-        }
-        if (h.next == 0 || h.next == 0xFFFF) return ARG_ERR_NOT_FOUND;
-        addr = h.next;
-    }
-    return ARG_ERR_NOT_FOUND;
+    uint16_t addr = 0;
+    int rc = find_record(dev, ArgId, has_successor, ARG_ERR_NOT_FOUND, addr, h);
+    if (rc != kOk) return rc;
+    const uint16_t len = static_cast<uint16_t>(h.length & 0xFFFF);
+    std::vector<uint8_t> data(len + 1u);
+    rc = ARG_Read(dev, static_cast<uint16_t>(addr + 12), data.data(), len);
+    if (rc != kOk) return rc;
+    if (crc16_ccitt(data.data(), len) != h.crc) return ARG_ERR_CRC;
+    if (pData != nullptr) std::memcpy(pData, data.data(), len);
+    return static_cast<int>(h.length);
 }
 
 POLYBUS_API int ARG_WriteArgData(int dev, unsigned int ArgId, unsigned char* pData, unsigned int Len) {
@@ -192,7 +206,7 @@ POLYBUS_API int ARG_WriteArgData(int dev, unsigned int ArgId, unsigned char* pDa
             h.crc = crc16_ccitt(pData, static_cast<int>(Len));
             pause_before_access();
             rc = write_header(dev, addr, h);
-            if (rc != 0) return rc;
+            if (rc != kOk) return rc;
             pause_before_access();
             return ARG_Write(dev, static_cast<uint16_t>(addr + 12), pData, static_cast<uint16_t>(Len));
         }
@@ -204,7 +218,7 @@ POLYBUS_API int ARG_WriteArgData(int dev, unsigned int ArgId, unsigned char* pDa
             h.next = fresh;
             pause_before_access();
             rc = write_header(dev, addr, h);
-            if (rc != 0) return rc;
+            if (rc != kOk) return rc;
             return write_record(dev, fresh, ArgId, pData, Len, 0xFFFF);
         }
         addr = h.next;
@@ -217,21 +231,14 @@ POLYBUS_API int ARG_WriteArgData(int dev, unsigned int ArgId, unsigned char* pDa
 
 POLYBUS_API int ARG_EraseArgData(int dev, int ArgId) {
     ArgHeader h;
-    uint16_t addr = kFirstHeader;
-    ChainWalk walk;
-    while (walk.enter(addr)) {
-        int rc = read_header(dev, addr, h);
-        if (rc != 0) return rc;
-        if (h.id == static_cast<uint32_t>(ArgId)) {
-            h.length = 0;
-            h.crc = 0xFFFF;
-            h.next = 0xFFFF;
-            return write_header(dev, addr, h);
-        }
-        if (!h.marked()) return ARG_ERR_CHAIN;
-        addr = h.next;
-    }
-    return ARG_ERR_CHAIN;
+    uint16_t addr = 0;
+    const int rc = find_record(dev, static_cast<uint32_t>(ArgId), is_marked, ARG_ERR_CHAIN, addr, h);
+    if (rc != kOk) return rc;
+    // The data stays; the record becomes the end of the chain.
+    h.length = 0;
+    h.crc = 0xFFFF;
+    h.next = 0xFFFF;
+    return write_header(dev, addr, h);
 }
 
 }  // extern "C"

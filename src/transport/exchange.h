@@ -52,26 +52,11 @@ public:
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
 
-    Command& u8(uint8_t v) {
-        if (uint8_t* p = grow(1)) p[0] = v;
-        return *this;
-    }
-    Command& be16(uint16_t v) {
-        if (uint8_t* p = grow(2)) put_be16(p, v);
-        return *this;
-    }
-    Command& be32(uint32_t v) {
-        if (uint8_t* p = grow(4)) put_be32(p, v);
-        return *this;
-    }
-    Command& le16(uint16_t v) {
-        if (uint8_t* p = grow(2)) put_le16(p, v);
-        return *this;
-    }
-    Command& le32(uint32_t v) {
-        if (uint8_t* p = grow(4)) put_le32(p, v);
-        return *this;
-    }
+    Command& u8(uint8_t v) { return field<1>(v, [](uint8_t* p, uint8_t x) { p[0] = x; }); }
+    Command& be16(uint16_t v) { return field<2>(v, put_be16); }
+    Command& be32(uint32_t v) { return field<4>(v, put_be32); }
+    Command& le16(uint16_t v) { return field<2>(v, put_le16); }
+    Command& le32(uint32_t v) { return field<4>(v, put_le32); }
     // Bytes as they stand; a null source writes zeros.
     Command& bytes(const void* src, size_t n) {
         if (n == 0) return *this;
@@ -96,6 +81,12 @@ public:
     bool failed() const { return failed_; }
 
 private:
+    template <size_t N, typename T, typename Put>
+    Command& field(T v, Put put) {
+        if (uint8_t* p = grow(N)) put(p, v);
+        return *this;
+    }
+
     uint8_t* grow(size_t n) {
         if (failed_ || len_ + n > cap_) {
             failed_ = true;

@@ -192,13 +192,21 @@ int MSG_Get(int DevHandle, USB_MSG* msg, int TimeOutMs) {
     return MSG_GetBounded(DevHandle, msg, 0, nullptr, TimeOutMs);
 }
 
+namespace {
+using TransferFn = int (*)(libusb_device_handle*, unsigned char, unsigned char*, int, int*, unsigned int);
+
+// One whole OUT transfer (bulk or interrupt) to an open device: true when every byte went.
+bool write_all(TransferFn transfer, libusb_device_handle* h, int ep, unsigned char* data, int len, int TimeOutMs) {
+    if (h == nullptr || len < 0) return false;
+    int transferred = 0;
+    const int rc = transfer(h, static_cast<unsigned char>(ep), data, len, &transferred, static_cast<unsigned>(TimeOutMs));
+    return rc == 0 && transferred == len;
+}
+}  // namespace
+
 int USBBulkWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs) {
     libusb_device_handle* h = open_handle_of(DevHandle);
-    if (h == nullptr || len < 0) return 0;
-    int transferred = 0;
-    int rc = libusb_bulk_transfer(h, static_cast<unsigned char>(ep), data, len, &transferred,
-                                  static_cast<unsigned>(TimeOutMs));
-    if (rc != 0 || transferred != len) return 0;
+    if (!write_all(libusb_bulk_transfer, h, ep, data, len, TimeOutMs)) return 0;
     UsbDevNode* node = usb_list_post(static_cast<uint32_t>(DevHandle));
     if (frame_needs_zlp(len, libusb_get_device_speed(node->dev) == LIBUSB_SPEED_HIGH)) {
         int zl = 0;
@@ -221,12 +229,7 @@ int USBBulkReadData(int DevHandle, int ep, void* data, int len, int TimeOutMs, i
 }
 
 int USBIntWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs) {
-    libusb_device_handle* h = open_handle_of(DevHandle);
-    if (h == nullptr || len < 0) return 0;
-    int transferred = 0;
-    int rc = libusb_interrupt_transfer(h, static_cast<unsigned char>(ep), data, len, &transferred,
-                                       static_cast<unsigned>(TimeOutMs));
-    return rc == 0 && transferred == len ? 1 : 0;
+    return write_all(libusb_interrupt_transfer, open_handle_of(DevHandle), ep, data, len, TimeOutMs) ? 1 : 0;
 }
 
 int vendor_control(libusb_device_handle* h, int DevHandle, const VendorRequest& r, unsigned char* data) {
