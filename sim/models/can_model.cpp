@@ -638,25 +638,31 @@ std::shared_ptr<CanModel::Tables> CanModel::stored_schedule(int index) {
     return tables;
 }
 
+void CanModel::on_init(const Frame& f, size_t min_size, const std::function<void(const Frame&, Channel&)>& rates) {
+    const int index = f.u8(0);
+    if (index < kChannels && f.payload.size() >= min_size) {
+        std::lock_guard<std::mutex> g(mutex_);
+        Channel& c = ch(index);
+        c.rx.clear();
+        c.initialised = true;
+        rates(f, c);
+        c.init_payload = f.payload;
+    }
+    adapter_.answer(f.command);
+}
+
 // ---- Classic adapter ----------------------------------------------------------------
 
 void CanModel::classic_commands() {
     adapter_.on(CAN_INIT, [this](const Frame& f) {
-        const int index = f.u8(0);
-        if (index < kChannels && f.payload.size() >= 13) {
-            std::lock_guard<std::mutex> g(mutex_);
-            Channel& c = ch(index);
+        on_init(f, 13, [this](const Frame& f, Channel& c) {
             // Segments arrive as register codes (value - 1).
             const uint32_t bs1 = f.u8(9) + 1u, bs2 = f.u8(10) + 1u, brp = f.be16(11);
             const uint32_t clock = (adapter_.config().identifier >> 28) == 0x4 ? 42000000u : 100000000u;
-            c.rx.clear();
-            c.initialised = true;
             c.nominal = brp == 0 ? 0 : clock / (brp * (1 + bs1 + bs2));
             c.data = 0;
             c.mode = f.u8(7);
-            c.init_payload = f.payload;
-        }
-        adapter_.answer(f.command);
+        });
     });
     adapter_.on(CAN_SET_FILTER, [this](const Frame& f) {
         const unsigned bank = f.u8(1);
@@ -720,21 +726,14 @@ void CanModel::on_classic_send(const Frame& f) {
 
 void CanModel::fd_commands() {
     adapter_.on(CANFD_INIT, [this](const Frame& f) {
-        const int index = f.u8(0);
-        if (index < kChannels && f.payload.size() >= 21) {
-            std::lock_guard<std::mutex> g(mutex_);
-            Channel& c = ch(index);
+        on_init(f, 21, [](const Frame& f, Channel& c) {
             const uint8_t* r = &f.payload[1];
             const uint32_t nominal_tq = uint32_t{r[4]} * (1u + r[5] + r[6]);
             const uint32_t data_tq = uint32_t{r[8]} * (1u + r[9] + r[10]);
-            c.rx.clear();
-            c.initialised = true;
             c.nominal = nominal_tq == 0 ? 0 : 40000000u / nominal_tq;
             c.data = data_tq == 0 ? 0 : 40000000u / data_tq;
             c.mode = r[0];
-            c.init_payload = f.payload;
-        }
-        adapter_.answer(f.command);
+        });
     });
     adapter_.on(CANFD_SET_FILTER, [this](const Frame& f) {
         const int index = f.u8(0);
