@@ -2,12 +2,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+
+#include "wire/device.h"
 
 namespace polybus_sim {
 
 namespace {
-constexpr uint8_t kRequestIdentifier = 0x50;
-constexpr uint8_t kRequestReset = 0x60;
+constexpr uint8_t kRequestIdentifier = polybus::wire::VENDOR_READ_IDENTIFIER;
+constexpr uint8_t kRequestReset = polybus::wire::VENDOR_RESET;
 // A frame announcing more than this is garbage; the partial stream is dropped.
 constexpr uint32_t kMaxFrame = 16u << 20;
 
@@ -94,7 +98,14 @@ void Adapter::reset() {
 
 void Adapter::on(uint32_t command, Handler handler) {
     std::lock_guard<std::mutex> g(mutex_);
-    handlers_[command] = std::move(handler);
+    if (!handlers_.emplace(command, std::move(handler)).second) {
+        // Two models serving one code would silently shadow each other: refuse it while
+        // the second model is being built, before any test runs against it.
+        char code[16];
+        std::snprintf(code, sizeof(code), "0x%04X", static_cast<unsigned>(command));
+        throw std::logic_error(std::string("polybus-sim: command ") + code +
+                               " is already served by another handler; a code has one owner");
+    }
 }
 
 void Adapter::dispatch(Frame frame) {

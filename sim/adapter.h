@@ -102,6 +102,8 @@ public:
     void reset() override;
 
     // --- firmware side (used by family models) ---
+    // Registers the handler of a command code. Each code has one owner: registering a
+    // code a second time throws std::logic_error naming the code.
     void on(uint32_t command, Handler handler);
     // Answers `command` with `payload` (header and payload queued atomically), applying
     // any fault armed for it.

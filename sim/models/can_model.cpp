@@ -6,18 +6,21 @@
 #include <map>
 
 #include "device_model.h"
+#include "wire/can.h"
+#include "wire/canfd.h"
 
 namespace polybus_sim {
+
+using namespace polybus::wire;
 
 namespace {
 
 constexpr size_t kClassicRecord = 20;
 constexpr size_t kFdRecord = 76;
-constexpr size_t kFdHead = 12;
 constexpr size_t kAdapterQueue = 200000;  // frames the adapter holds for the host
-constexpr uint32_t kStorageBase = 0x080C0000u;
-constexpr uint32_t kStorageMagic = 0x9A21538Bu;
-constexpr size_t kStorageHeader = 784;
+constexpr uint32_t kStorageBase = kCanScheduleStorage;
+constexpr uint32_t kStorageMagic = kCanScheduleMagic;
+constexpr size_t kStorageHeader = kCanScheduleHeader;
 
 uint32_t le32(const uint8_t* p) { return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24; }
 void put_le32(std::vector<uint8_t>& out, uint32_t v) {
@@ -635,27 +638,33 @@ std::shared_ptr<CanModel::Tables> CanModel::stored_schedule(int index) {
     return tables;
 }
 
+void CanModel::on_init(const Frame& f, size_t min_size, const std::function<void(const Frame&, Channel&)>& rates) {
+    const int index = f.u8(0);
+    if (index < kChannels && f.payload.size() >= min_size) {
+        std::lock_guard<std::mutex> g(mutex_);
+        Channel& c = ch(index);
+        c.rx.clear();
+        c.initialised = true;
+        rates(f, c);
+        c.init_payload = f.payload;
+    }
+    adapter_.answer(f.command);
+}
+
 // ---- Classic adapter ----------------------------------------------------------------
 
 void CanModel::classic_commands() {
-    adapter_.on(0xC00, [this](const Frame& f) {
-        const int index = f.u8(0);
-        if (index < kChannels && f.payload.size() >= 13) {
-            std::lock_guard<std::mutex> g(mutex_);
-            Channel& c = ch(index);
+    adapter_.on(CAN_INIT, [this](const Frame& f) {
+        on_init(f, 13, [this](const Frame& f, Channel& c) {
             // Segments arrive as register codes (value - 1).
             const uint32_t bs1 = f.u8(9) + 1u, bs2 = f.u8(10) + 1u, brp = f.be16(11);
             const uint32_t clock = (adapter_.config().identifier >> 28) == 0x4 ? 42000000u : 100000000u;
-            c.rx.clear();
-            c.initialised = true;
             c.nominal = brp == 0 ? 0 : clock / (brp * (1 + bs1 + bs2));
             c.data = 0;
             c.mode = f.u8(7);
-            c.init_payload = f.payload;
-        }
-        adapter_.answer(f.command);
+        });
     });
-    adapter_.on(0xC01, [this](const Frame& f) {
+    adapter_.on(CAN_SET_FILTER, [this](const Frame& f) {
         const unsigned bank = f.u8(1);
         if (bank < 28) {
             std::lock_guard<std::mutex> g(mutex_);
@@ -667,9 +676,9 @@ void CanModel::classic_commands() {
         }
         adapter_.answer(f.command);
     });
-    adapter_.on(0xC02, [this](const Frame& f) { on_classic_send(f); });
-    adapter_.on(0xC03, [this](const Frame& f) { on_fetch(f); });
-    adapter_.on(0xC04, [this](const Frame& f) {
+    adapter_.on(CAN_SEND, [this](const Frame& f) { on_classic_send(f); });
+    adapter_.on(CAN_READ, [this](const Frame& f) { on_fetch(f); });
+    adapter_.on(CAN_GET_STATUS, [this](const Frame& f) {
         Payload p;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -679,11 +688,11 @@ void CanModel::classic_commands() {
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0xC05, [this](const Frame& f) { on_start_schedule(f); });
-    adapter_.on(0xC06, [this](const Frame& f) { on_stop_schedule(f); });
-    adapter_.on(0xC07, [this](const Frame& f) { on_relay(f); });
-    adapter_.on(0xC08, [this](const Frame& f) { on_upload(f, kClassicRecord); });
-    adapter_.on(0xC09, [this](const Frame& f) { on_stop(f); });
+    adapter_.on(CAN_START_SCHEDULE, [this](const Frame& f) { on_start_schedule(f); });
+    adapter_.on(CAN_STOP_SCHEDULE, [this](const Frame& f) { on_stop_schedule(f); });
+    adapter_.on(CAN_SET_RELAY, [this](const Frame& f) { on_relay(f); });
+    adapter_.on(CAN_SET_SCHEDULE, [this](const Frame& f) { on_upload(f, kClassicRecord); });
+    adapter_.on(CAN_STOP, [this](const Frame& f) { on_stop(f); });
 }
 
 void CanModel::on_classic_send(const Frame& f) {
@@ -716,24 +725,17 @@ void CanModel::on_classic_send(const Frame& f) {
 // ---- CAN FD adapter -----------------------------------------------------------------
 
 void CanModel::fd_commands() {
-    adapter_.on(0x4000, [this](const Frame& f) {
-        const int index = f.u8(0);
-        if (index < kChannels && f.payload.size() >= 21) {
-            std::lock_guard<std::mutex> g(mutex_);
-            Channel& c = ch(index);
+    adapter_.on(CANFD_INIT, [this](const Frame& f) {
+        on_init(f, 21, [](const Frame& f, Channel& c) {
             const uint8_t* r = &f.payload[1];
             const uint32_t nominal_tq = uint32_t{r[4]} * (1u + r[5] + r[6]);
             const uint32_t data_tq = uint32_t{r[8]} * (1u + r[9] + r[10]);
-            c.rx.clear();
-            c.initialised = true;
             c.nominal = nominal_tq == 0 ? 0 : 40000000u / nominal_tq;
             c.data = data_tq == 0 ? 0 : 40000000u / data_tq;
             c.mode = r[0];
-            c.init_payload = f.payload;
-        }
-        adapter_.answer(f.command);
+        });
     });
-    adapter_.on(0x4001, [this](const Frame& f) {
+    adapter_.on(CANFD_SET_FILTER, [this](const Frame& f) {
         const int index = f.u8(0);
         if (index < kChannels) {
             std::lock_guard<std::mutex> g(mutex_);
@@ -744,9 +746,9 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command);
     });
-    adapter_.on(0x4002, [this](const Frame& f) { on_fd_send(f); });
-    adapter_.on(0x4003, [this](const Frame& f) { on_fetch(f); });
-    adapter_.on(0x4004, [this](const Frame& f) {
+    adapter_.on(CANFD_SEND, [this](const Frame& f) { on_fd_send(f); });
+    adapter_.on(CANFD_READ, [this](const Frame& f) { on_fetch(f); });
+    adapter_.on(CANFD_GET_DIAGNOSTIC, [this](const Frame& f) {
         std::vector<uint8_t> out;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -760,7 +762,7 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, out);
     });
-    adapter_.on(0x4005, [this](const Frame& f) {
+    adapter_.on(CANFD_GET_BUS_ERROR, [this](const Frame& f) {
         Payload p;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -769,10 +771,10 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0x4006, [this](const Frame& f) { on_start_schedule(f); });
-    adapter_.on(0x4007, [this](const Frame& f) { on_stop_schedule(f); });
-    adapter_.on(0x4008, [this](const Frame& f) { on_relay(f); });
-    adapter_.on(0x4009, [this](const Frame& f) {
+    adapter_.on(CANFD_START_SCHEDULE, [this](const Frame& f) { on_start_schedule(f); });
+    adapter_.on(CANFD_STOP_SCHEDULE, [this](const Frame& f) { on_stop_schedule(f); });
+    adapter_.on(CANFD_SET_RELAY, [this](const Frame& f) { on_relay(f); });
+    adapter_.on(CANFD_GET_TX_EVENTS, [this](const Frame& f) {
         std::vector<uint8_t> out;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -791,7 +793,7 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, out);
     });
-    adapter_.on(0x400A, [this](const Frame& f) {
+    adapter_.on(CANFD_SEND_STATUS, [this](const Frame& f) {
         Payload p;
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -805,8 +807,8 @@ void CanModel::fd_commands() {
         }
         adapter_.answer(f.command, p);
     });
-    adapter_.on(0x400B, [this](const Frame& f) { on_upload(f, kFdRecord); });
-    adapter_.on(0x400C, [this](const Frame& f) { on_stop(f); });
+    adapter_.on(CANFD_SET_SCHEDULE, [this](const Frame& f) { on_upload(f, kFdRecord); });
+    adapter_.on(CANFD_STOP, [this](const Frame& f) { on_stop(f); });
 }
 
 void CanModel::on_fd_send(const Frame& f) {

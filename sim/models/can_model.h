@@ -140,6 +140,9 @@ private:
     void on_relay(const Frame& f);
     void on_upload(const Frame& f, size_t record);
     void on_stop(const Frame& f);
+    // A channel set-up of at least `min_size` payload bytes; `rates` reads the bit rates
+    // and mode from it. Shorter ones, or an unknown channel, are only acknowledged.
+    void on_init(const Frame& f, size_t min_size, const std::function<void(const Frame&, Channel&)>& rates);
     int start_schedule(int ch, uint8_t table, uint8_t passes);
     void schedule_step(int ch, uint32_t generation, int64_t due_ns);
     std::shared_ptr<Tables> stored_schedule(int ch);

@@ -1,9 +1,13 @@
 #include "device_model.h"
 
+#include "wire/device.h"
+
 #include <algorithm>
 #include <cstring>
 
 namespace polybus_sim {
+
+using namespace polybus::wire;
 
 namespace {
 constexpr uint32_t kChunk = 10240;
@@ -11,14 +15,14 @@ constexpr uint32_t kChunk = 10240;
 
 DeviceModel::DeviceModel(Adapter& a)
     : adapter_(a), user_(kUserDataSize, 0xFF), schedule_(kScheduleSize, 0xFF), config_(kConfigSize, 0xFF) {
-    a.on(0x0010, [this](const Frame& f) {
+    a.on(DEV_SET_POWER_LEVEL, [this](const Frame& f) {
         {
             std::lock_guard<std::mutex> g(mutex_);
             power_ = f.u8(0);
         }
         adapter_.answer(f.command);
     });
-    a.on(0x0011, [this](const Frame& f) {
+    a.on(DEV_GET_TIMESTAMP, [this](const Frame& f) {
         // Selector 0: the CAN time base (100 us units) that received frames are stamped
         // with; anything else: milliseconds.
         const uint64_t us = adapter_.clock_us();
@@ -27,8 +31,8 @@ DeviceModel::DeviceModel(Adapter& a)
         for (int i = 0; i < 8; ++i) p.u8(uint8_t(value >> (8 * i)));
         adapter_.answer(f.command, p);
     });
-    a.on(0x0012, [this](const Frame& f) { adapter_.answer(f.command); });
-    a.on(0x0100, [this](const Frame& f) {
+    a.on(DEV_RESET_TIMESTAMP, [this](const Frame& f) { adapter_.answer(f.command); });
+    a.on(DEV_GET_INFO, [this](const Frame& f) {
         const AdapterConfig& c = adapter_.config();
         std::vector<uint8_t> info(88, 0);
         std::memcpy(info.data(), c.firmware_name.data(), std::min<size_t>(31, c.firmware_name.size()));
@@ -44,11 +48,11 @@ DeviceModel::DeviceModel(Adapter& a)
         le(84, 0x0000FFFF);
         adapter_.answer(f.command, info);
     });
-    a.on(0x0106, [this](const Frame& f) {
+    a.on(DEV_GET_FUNCTIONS, [this](const Frame& f) {
         const std::string& s = adapter_.config().function_string;
         adapter_.answer(f.command, std::vector<uint8_t>(s.begin(), s.end()));
     });
-    a.on(0x0107, [this](const Frame& f) {
+    a.on(DEV_WRITE_USER_DATA, [this](const Frame& f) {
         const uint64_t off = f.be32(0);  // 64-bit: offsets near 4 GiB must not wrap into the area
         {
             std::lock_guard<std::mutex> g(mutex_);
@@ -56,7 +60,7 @@ DeviceModel::DeviceModel(Adapter& a)
         }
         adapter_.answer(f.command);
     });
-    a.on(0x0108, [this](const Frame& f) {
+    a.on(DEV_READ_USER_DATA, [this](const Frame& f) {
         const uint64_t off = f.be32(0), len = f.be32(4);
         std::vector<uint8_t> out;
         {
@@ -65,14 +69,14 @@ DeviceModel::DeviceModel(Adapter& a)
         }
         adapter_.answer(f.command, out);
     });
-    a.on(0x0109, [this](const Frame& f) {
+    a.on(DEV_ERASE_USER_DATA, [this](const Frame& f) {
         {
             std::lock_guard<std::mutex> g(mutex_);
             std::fill(user_.begin(), user_.end(), 0xFF);
         }
         adapter_.answer(f.command);
     });
-    a.on(0x010A, [this](const Frame& f) {
+    a.on(DEV_WRITE_SCH_DATA, [this](const Frame& f) {
         const uint32_t addr = f.be32(0);
         const size_t n = f.payload.size() >= 4 ? f.payload.size() - 4 : 0;
         {
@@ -87,7 +91,7 @@ DeviceModel::DeviceModel(Adapter& a)
         }
         adapter_.answer(f.command);
     });
-    a.on(0x010B, [this](const Frame& f) {
+    a.on(DEV_READ_SCH_DATA, [this](const Frame& f) {
         const uint32_t addr = f.be32(0), len = f.be32(4);
         std::vector<uint8_t> out;
         {
@@ -100,7 +104,7 @@ DeviceModel::DeviceModel(Adapter& a)
         }
         adapter_.answer(f.command, out);
     });
-    a.on(0x010C, [this](const Frame& f) {
+    a.on(DEV_ERASE_SCH_DATA, [this](const Frame& f) {
         const uint32_t arg = f.be32(0);
         const uint64_t now = adapter_.clock_us();
         {
@@ -119,14 +123,14 @@ DeviceModel::DeviceModel(Adapter& a)
         }
         adapter_.answer(f.command);
     });
-    a.on(0x010D, [this](const Frame& f) {
+    a.on(DEV_GET_HARDWARE_INFO, [this](const Frame& f) {
         std::vector<uint8_t> hw(64, 0);
         hw[0] = 1;  // board revision
         const char* text = "Polybus SIM-1 rev A";
         std::memcpy(hw.data() + 8, text, std::strlen(text));
         adapter_.answer(f.command, hw);
     });
-    for (uint32_t code : {0x5000u, 0x5001u, 0x5002u}) a.on(code, [this](const Frame& f) { config_command(f); });
+    for (uint32_t code : {ARG_INIT, ARG_WRITE, ARG_READ}) a.on(code, [this](const Frame& f) { config_command(f); });
 }
 
 uint8_t DeviceModel::next_config_status() {
@@ -143,10 +147,10 @@ void DeviceModel::config_command(const Frame& f) {
         std::lock_guard<std::mutex> g(mutex_);
         const uint8_t status = next_config_status();
         p.u8(status);
-        if (status == 0 && f.command == 0x5001) {
+        if (status == 0 && f.command == ARG_WRITE) {
             const uint16_t addr = f.be16(0);
             for (size_t i = 2; i < f.payload.size(); ++i) config_[(addr + i - 2) % kConfigSize] = f.payload[i];
-        } else if (status == 0 && f.command == 0x5002) {
+        } else if (status == 0 && f.command == ARG_READ) {
             const uint16_t addr = f.be16(0), len = f.be16(2);
             for (uint32_t i = 0; i < len; ++i) p.u8(config_[(addr + i) % kConfigSize]);
         }

@@ -9,20 +9,26 @@
 #include <vector>
 
 #include "can/can_internal.h"
+#include "device/adapter_models.h"
 #include "polybus/usb_device.h"
+#include "transport/device_slots.h"
 #include "transport/exchange.h"
+#include "wire/can.h"
 
 using namespace polybus;
+using namespace polybus::wire;
 
 namespace {
 
-constexpr int kSlots = POLYBUS_MAX_DEVICES;
-constexpr uint32_t kSendChunk = 500;
-
 // Anchors of the host-side time stamps, set by every successful CAN_Init of an
-// adapter: wall-clock ms at that moment and the adapter's clock (100 us units).
-std::atomic<uint64_t> TimeStart[kSlots];
-std::atomic<uint32_t> CANTimeStampError[kSlots];
+// adapter: wall-clock ms at that moment (TimeStart) and the adapter's clock in 100 us
+// units (CANTimeStampError). An adapter without a slot has none: its frames are
+// stamped from 0.
+struct TimeAnchor {
+    std::atomic<uint64_t> start{0};
+    std::atomic<uint32_t> adapter{0};
+};
+PerDevice<TimeAnchor> time_anchors;
 
 // Segment values travel as register codes (value - 1) for channels 0 and 1; a zero
 // still goes as 1, which the firmware expects.
@@ -56,10 +62,8 @@ constexpr size_t kUserDataWriteLimit = 20480;
     for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-int fetch_classic(int dev, unsigned char channel) { return CAN_ReadMsgToBuffer(dev, channel); }
-
 // CAN FD frames for a call handed on to the CAN FD family; null when the memory cannot
-// be had, which the caller reports as -4 instead of letting an exception out.
+// be had, which the caller reports as kBadAnswer instead of letting an exception out.
 std::unique_ptr<CANFD_MSG[]> fd_frames(size_t n) {
     return std::unique_ptr<CANFD_MSG[]>(new (std::nothrow) CANFD_MSG[n != 0 ? n : 1]);
 }
@@ -73,25 +77,13 @@ int take_fd(int dev, unsigned char ch, CAN_MSG* out, int size,
             int (*take)(int, unsigned char, CANFD_MSG*, int)) {
     const int limit = buffer_capacity(size);
     auto frames = fd_frames(limit > 0 ? static_cast<size_t>(limit) : 0);
-    if (!frames) return -4;
+    if (!frames) return kBadAnswer;
     const int n = take(dev, ch, frames.get(), limit);
     if (n > 0 && out != nullptr) canfd_to_can(frames.get(), out, static_cast<size_t>(n));
     return n;
 }
 
-CAN_MSG* read_scratch() {
-    thread_local std::unique_ptr<CAN_MSG[]> scratch(new CAN_MSG[CAN_READ_MAX_FRAMES]);
-    return scratch.get();
-}
-
 }  // namespace
-
-namespace polybus {
-Reception<CAN_MSG>& can_reception() {
-    static Reception<CAN_MSG> reception(&fetch_classic);
-    return reception;
-}
-}  // namespace polybus
 
 extern "C" {
 
@@ -104,8 +96,8 @@ POLYBUS_API uint64_t GetTimestampOfDay(void) {
 // ---- Set-up -----------------------------------------------------------------------
 
 POLYBUS_API int CAN_Init(int dev, unsigned char ch, CAN_INIT_CONFIG* cfg) {
-    if (cfg == nullptr) return -4;
-    if (is_canfd_handle(dev)) {
+    if (cfg == nullptr) return kBadAnswer;
+    if (is_canfd_model(dev)) {
         CANFD_INIT_CONFIG fd;
         std::memset(&fd, 0, sizeof(fd));
         fd.Mode = cfg->CAN_Mode & 1u;
@@ -120,25 +112,24 @@ POLYBUS_API int CAN_Init(int dev, unsigned char ch, CAN_INIT_CONFIG* cfg) {
     }
     // A channel being re-initialised is no longer served by the reader thread.
     if (ch < 2) can_reception().stop_flag(dev, ch);
-    Command request(0xC00);
+    Command request(CAN_INIT);
     request.u8(ch).u8(0).u8(cfg->CAN_ABOM & 1u).u8(0).u8(cfg->CAN_NART & 1u).u8(cfg->CAN_RFLM & 1u)
         .u8(cfg->CAN_TXFP & 1u).u8(cfg->CAN_Mode).u8(segment_code(ch, cfg->CAN_SJW))
         .u8(segment_code(ch, cfg->CAN_BS1)).u8(segment_code(ch, cfg->CAN_BS2))
         .be16(static_cast<uint16_t>(cfg->CAN_BRP));
     const int rc = acknowledged(dev, request);
-    if (rc != 0) return rc;
-    const int slot = can_slot(dev);
-    if (slot >= 0) {
+    if (rc != kOk) return rc;
+    if (TimeAnchor* anchor = time_anchors.find(dev)) {
         uint8_t stamp[POLYBUS_TIMESTAMP_SIZE] = {0};
-        if (DEV_GetTimestamp(dev, 0, stamp)) CANTimeStampError[slot].store(get_le32(stamp));
-        TimeStart[slot].store(GetTimestampOfDay());
+        if (DEV_GetTimestamp(dev, 0, stamp)) anchor->adapter.store(get_le32(stamp));
+        anchor->start.store(GetTimestampOfDay());
     }
-    return 0;
+    return kOk;
 }
 
 POLYBUS_API int CAN_Filter_Init(int dev, unsigned char ch, CAN_FILTER_CONFIG* f) {
-    if (f == nullptr) return -4;
-    if (is_canfd_handle(dev)) {
+    if (f == nullptr) return kBadAnswer;
+    if (is_canfd_model(dev)) {
         CANFD_FILTER_CONFIG entry;
         std::memset(&entry, 0, sizeof(entry));
         entry.Enable = f->Enable;
@@ -149,7 +140,7 @@ POLYBUS_API int CAN_Filter_Init(int dev, unsigned char ch, CAN_FILTER_CONFIG* f)
     }
     const bool extended = f->ExtFrame == 1;
     const bool mask_mode = f->FilterMode == 0;
-    Command request(0xC01);
+    Command request(CAN_SET_FILTER);
     request.u8(ch)
         .u8(static_cast<uint8_t>(ch * 14 + f->FilterIndex % 14))
         .u8(f->FilterMode)
@@ -162,64 +153,62 @@ POLYBUS_API int CAN_Filter_Init(int dev, unsigned char ch, CAN_FILTER_CONFIG* f)
 }
 
 POLYBUS_API int CAN_Stop(int dev, unsigned char ch) {
-    if (is_canfd_handle(dev)) {
+    if (is_canfd_model(dev)) {
         CANFD_StopGetMsg(dev, ch);
-        const int rc = CANFD_Stop(dev, ch);
-        return rc != 0 ? rc : 0;
+        return CANFD_Stop(dev, ch);
     }
     can_reception().stop(dev, ch);  // joins the reader once neither channel is read
-    Command request(0xC09);
+    Command request(CAN_STOP);
     request.u8(ch);
     const int rc = acknowledged(dev, request);
-    if (rc != 0) return rc;
+    if (rc != kOk) return rc;
     CAN_ClearMsg(dev, ch);
-    return 0;
+    return kOk;
 }
 
 POLYBUS_API int CAN_GetStatus(int dev, unsigned char ch, CAN_STATUS* status) {
-    if (is_canfd_handle(dev)) {
+    if (is_canfd_model(dev)) {
         CANFD_BUS_ERROR errors;
         std::memset(&errors, 0, sizeof(errors));
         const int rc = CANFD_GetBusError(dev, ch, &errors);
-        if (rc == 0 && status != nullptr) {
+        if (rc == kOk && status != nullptr) {
             status->TECounter = errors.TEC;
             status->RECounter = errors.REC;
         }
         return rc;
     }
-    Command request(0xC04);
+    Command request(CAN_GET_STATUS);
     request.u8(ch);
     AnswerBuffer<8> answer;
     const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
+    if (rc != kOk) return rc;
     if (status != nullptr) {
-        uint8_t words[8] = {0};
-        std::memcpy(words, answer.buffer(), answer.received);
-        std::memcpy(&status->StatusReg, words, 4);  // the adapter's own byte order, as sent
-        std::memcpy(&status->ErrorReg, words + 4, 4);
+        // Not judged: whatever came is taken, a word that did not come reads 0.
+        status->StatusReg = answer.le32(0);
+        status->ErrorReg = answer.le32(4);
         status->RECounter = static_cast<uint8_t>(status->ErrorReg >> 24);
         status->TECounter = static_cast<uint8_t>(status->ErrorReg >> 16);
         status->LECode = static_cast<uint8_t>((status->ErrorReg >> 4) & 0x7u);
     }
-    return 0;
+    return kOk;
 }
 
 POLYBUS_API int CAN_SetRelay(int dev, unsigned char state) {
-    if (is_canfd_handle(dev)) return CANFD_SetRelay(dev, state);
-    Command request(0xC07);
+    if (is_canfd_model(dev)) return CANFD_SetRelay(dev, state);
+    Command request(CAN_SET_RELAY);
     request.u8(state);
-    return echoed_byte(dev, request, state);
+    return judged(dev, request, [state](const Answer& a) { return expect_byte(a, 0, state); });
 }
 
 POLYBUS_API int CAN_SetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned char* entries) {
-    if (is_canfd_handle(dev)) relay_data_forever();
-    if (header == nullptr) return -4;
+    if (is_canfd_model(dev)) relay_data_forever();
+    if (header == nullptr) return kBadAnswer;
     const uint64_t count = header->EntryCount;
     const uint64_t size = kRelayPrefix + kRelayHeader + count * CAN_RELAY_ENTRY_SIZE;
-    if (count != 0 && entries == nullptr) return -4;
-    if (!DEV_EraseUserData(dev)) return -4;
+    if (count != 0 && entries == nullptr) return kBadAnswer;
+    if (!DEV_EraseUserData(dev)) return kBadAnswer;
     // The user-data area takes at most this much in one write; the adapter would refuse.
-    if (size > kUserDataWriteLimit) return -4;
+    if (size > kUserDataWriteLimit) return kBadAnswer;
     std::vector<uint8_t> block(static_cast<size_t>(size));
     put_le32(block.data(), kRelayMagic);
     put_le32(block.data() + 4, kRelayFormat);
@@ -227,18 +216,18 @@ POLYBUS_API int CAN_SetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned cha
     std::memcpy(block.data() + kRelayPrefix, header, kRelayHeader);
     if (count != 0) std::memcpy(block.data() + kRelayPrefix + kRelayHeader, entries, count * CAN_RELAY_ENTRY_SIZE);
     const int len = static_cast<int>(block.size());
-    if (!DEV_WriteUserData(dev, 0, block.data(), len)) return -4;
+    if (!DEV_WriteUserData(dev, 0, block.data(), len)) return kBadAnswer;
     std::vector<uint8_t> back(block.size(), 0);
-    if (!DEV_ReadUserData(dev, 0, back.data(), len)) return -4;
+    if (!DEV_ReadUserData(dev, 0, back.data(), len)) return kBadAnswer;
     for (size_t i = 0; i < block.size(); i += 4)
-        if (std::memcmp(block.data() + i, back.data() + i, 4) != 0) return -4;
-    return 0;
+        if (std::memcmp(block.data() + i, back.data() + i, 4) != 0) return kBadAnswer;
+    return kOk;
 }
 
 POLYBUS_API int CAN_GetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned char* entries) {
-    if (is_canfd_handle(dev)) relay_data_forever();
+    if (is_canfd_model(dev)) relay_data_forever();
     std::vector<uint8_t> block(kRelayReadSize, 0);
-    if (!DEV_ReadUserData(dev, 0, block.data(), static_cast<int>(block.size()))) return -4;
+    if (!DEV_ReadUserData(dev, 0, block.data(), static_cast<int>(block.size()))) return kBadAnswer;
     if (get_le32(block.data()) != kRelayMagic || get_le32(block.data() + 4) != kRelayFormat) return 0;
     if (get_le32(block.data() + 8) < 61) return 0;
     const uint32_t stored = get_le32(block.data() + kRelayPrefix + offsetof(CAN_RELAY_HEADER, EntryCount));
@@ -253,23 +242,23 @@ POLYBUS_API int CAN_GetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned cha
 
 POLYBUS_API int CAN_SendMsg(int dev, unsigned char ch, CAN_MSG* msgs, unsigned int count) {
     if (count == 0) return 0;
-    if (msgs == nullptr) return -4;
-    if (is_canfd_handle(dev)) {
+    if (msgs == nullptr) return kBadAnswer;
+    if (is_canfd_model(dev)) {
         auto frames = fd_frames(count);
-        if (!frames) return -4;
+        if (!frames) return kBadAnswer;
         can_to_canfd(msgs, frames.get(), count);
         const int sent = CANFD_SendMsg(dev, ch, frames.get(), count);
         if (sent > 0) canfd_to_can(frames.get(), msgs, static_cast<size_t>(sent));
         return sent;
     }
-    const int slot = can_slot(dev);
-    const uint32_t start = slot >= 0 ? static_cast<uint32_t>(TimeStart[slot].load()) : 0;
-    const uint32_t anchor = slot >= 0 ? CANTimeStampError[slot].load() : 0;
+    const TimeAnchor* anchors = time_anchors.find(dev);
+    const uint32_t start = anchors != nullptr ? static_cast<uint32_t>(anchors->start.load()) : 0;
+    const uint32_t anchor = anchors != nullptr ? anchors->adapter.load() : 0;
     const uint8_t host_flags = static_cast<uint8_t>(0x80u | ch << 5);
     uint32_t total = 0;
-    for (uint32_t offset = 0; offset < count; offset += kSendChunk) {
-        const uint32_t k = count - offset < kSendChunk ? count - offset : kSendChunk;
-        Command request(0xC02, 1 + size_t{k} * sizeof(CAN_MSG));
+    for (uint32_t offset = 0; offset < count; offset += kCanSendChunk) {
+        const uint32_t k = count - offset < kCanSendChunk ? count - offset : kCanSendChunk;
+        Command request(CAN_SEND, 1 + size_t{k} * sizeof(CAN_MSG));
         request.u8(ch);
         for (uint32_t i = 0; i < k; ++i) {
             CAN_MSG& frame = msgs[offset + i];
@@ -281,30 +270,30 @@ POLYBUS_API int CAN_SendMsg(int dev, unsigned char ch, CAN_MSG* msgs, unsigned i
             wire.RemoteFlag = frame.RemoteFlag & 1u;
             wire.ExternFlag = frame.ExternFlag & 1u;
             wire.TimeStamp = 0;
-            request.bytes(&wire, sizeof(wire));
+            request.record(wire);
         }
         AnswerBuffer<16> answer;
         const int rc = transact(dev, request, answer, {1000, static_cast<int>(1000 + 200 * k)});
-        if (rc == -2) return -2;
-        if (rc != 0 || answer.command != 0xC02) return -4;
-        total += answer.le32(0);
+        if (rc == kSendFailed) return kSendFailed;
+        if (rc != kOk || expect_echo(answer, CAN_SEND) != kOk) return kBadAnswer;
+        total += answer.le32(0);  // frames accepted
     }
     return static_cast<int>(total);
 }
 
 POLYBUS_API int CAN_ReadMsg(int dev, unsigned char ch, CAN_MSG* out) {
-    if (is_canfd_handle(dev)) return take_fd(dev, ch, out, CAN_READ_MAX_FRAMES, CANFD_GetMsg);
-    Command request(0xC03);
+    if (is_canfd_model(dev)) return take_fd(dev, ch, out, CAN_READ_MAX_FRAMES, CANFD_GetMsg);
+    Command request(CAN_READ);
     request.u8(ch);
     Answer answer(out, out != nullptr ? CAN_READ_MAX_FRAMES * sizeof(CAN_MSG) : 0);
     const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
+    if (rc != kOk) return rc;
     return static_cast<int>(answer.received / sizeof(CAN_MSG));
 }
 
 POLYBUS_API int CAN_ReadMsgToBuffer(int dev, unsigned char ch) {
-    if (is_canfd_handle(dev)) return CANFD_ReadMsgToBuffer(dev, ch);
-    CAN_MSG* frames = read_scratch();
+    if (is_canfd_model(dev)) return CANFD_ReadMsgToBuffer(dev, ch);
+    CAN_MSG* frames = thread_scratch<CAN_MSG, CAN_READ_MAX_FRAMES>();
     const int n = CAN_ReadMsg(dev, ch, frames);
     if (n < 0) return n;
     sort_by_stamp(frames, static_cast<size_t>(n));
@@ -322,29 +311,29 @@ POLYBUS_API void CAN_QuickSort(CAN_MSG* msgs, int low, int high, int) {
 POLYBUS_API void* CAN_ReadMsgThread(void* pDevHandle) {
     if (pDevHandle == nullptr) return nullptr;
     const int dev = *static_cast<int*>(pDevHandle);
-    if (is_canfd_handle(dev)) return CANFD_ReadMsgThread(pDevHandle);
+    if (is_canfd_model(dev)) return CANFD_ReadMsgThread(pDevHandle);
     can_reception().run(dev);
     return nullptr;
 }
 
 POLYBUS_API int CAN_StartGetMsg(int dev, unsigned char ch) {
-    if (is_canfd_handle(dev)) return CANFD_StartGetMsg(dev, ch);
+    if (is_canfd_model(dev)) return CANFD_StartGetMsg(dev, ch);
     return can_reception().start(dev, ch);
 }
 
 POLYBUS_API int CAN_StopGetMsg(int dev, unsigned char ch) {
-    if (is_canfd_handle(dev)) return CANFD_StopGetMsg(dev, ch);
+    if (is_canfd_model(dev)) return CANFD_StopGetMsg(dev, ch);
     return can_reception().stop(dev, ch);
 }
 
 POLYBUS_API int CAN_GetMsg(int dev, unsigned char ch, CAN_MSG* out) {
-    if (is_canfd_handle(dev)) return take_fd(dev, ch, out, CAN_READ_MAX_FRAMES, CANFD_GetMsg);
+    if (is_canfd_model(dev)) return take_fd(dev, ch, out, CAN_READ_MAX_FRAMES, CANFD_GetMsg);
     if (!can_reception().reading(dev, ch)) CAN_ReadMsgToBuffer(dev, ch);
     return static_cast<int>(can_reception().take(dev, ch, out, CAN_BUFFER_FRAMES, false));
 }
 
 POLYBUS_API int CAN_GetMsgWithSize(int dev, unsigned char ch, CAN_MSG* out, int size) {
-    if (is_canfd_handle(dev)) return take_fd(dev, ch, out, size, CANFD_GetMsg);
+    if (is_canfd_model(dev)) return take_fd(dev, ch, out, size, CANFD_GetMsg);
     ch &= 1;
     if (!can_reception().reading(dev, ch)) {
         const int rc = CAN_ReadMsgToBuffer(dev, ch);
@@ -355,7 +344,7 @@ POLYBUS_API int CAN_GetMsgWithSize(int dev, unsigned char ch, CAN_MSG* out, int 
 }
 
 POLYBUS_API int CAN_ClearMsg(int dev, unsigned char ch) {
-    if (is_canfd_handle(dev)) return CANFD_ClearMsg(dev, ch);
+    if (is_canfd_model(dev)) return CANFD_ClearMsg(dev, ch);
     // Without a reader, what the adapter holds is drained too (it also reaches the UDS
     // buffer, as every fetch does).
     if (!can_reception().reading(dev, ch)) CAN_ReadMsgToBuffer(dev, ch);
@@ -364,7 +353,7 @@ POLYBUS_API int CAN_ClearMsg(int dev, unsigned char ch) {
 }
 
 POLYBUS_API int CAN_SetCANMsgToBuffer(int dev, unsigned char ch, CAN_MSG* msgs, int count) {
-    if (is_canfd_handle(dev)) {
+    if (is_canfd_model(dev)) {
         if (count < 1 || msgs == nullptr) return 0;
         // Only the newest buffer-full can stay; older frames would be dropped at once.
         const int kept = buffer_capacity(count);
@@ -379,14 +368,14 @@ POLYBUS_API int CAN_SetCANMsgToBuffer(int dev, unsigned char ch, CAN_MSG* msgs, 
 }
 
 POLYBUS_API int CAN_GetCANMsgFromUDSBuffer(int dev, unsigned char ch, CAN_MSG* out, int size) {
-    if (is_canfd_handle(dev)) return take_fd(dev, ch, out, size, CANFD_GetCANMsgFromUDSBuffer);
+    if (is_canfd_model(dev)) return take_fd(dev, ch, out, size, CANFD_GetCANMsgFromUDSBuffer);
     if (!can_reception().reading(dev, ch)) CAN_ReadMsgToBuffer(dev, ch);
     if (size < 1) return 0;
     return static_cast<int>(can_reception().take(dev, ch, out, static_cast<size_t>(size), true));
 }
 
 POLYBUS_API int CAN_ClearCANMsgFromUDSBuffer(int dev, unsigned char ch) {
-    if (is_canfd_handle(dev)) return CANFD_ClearCANMsgFromUDSBuffer(dev, ch);
+    if (is_canfd_model(dev)) return CANFD_ClearCANMsgFromUDSBuffer(dev, ch);
     can_reception().discard(dev, ch, true);
     return 0;
 }

@@ -56,19 +56,11 @@ inline const CAN_BRT_ENTRY* find_timing(const CAN_BRT_ENTRY* table, size_t rows,
 }
 
 
-// A command the adapter answers by echoing its one-byte argument (the relay state).
-inline int echoed_byte(int dev, Command& request, uint8_t sent) {
-    AnswerBuffer<8> answer;
-    const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
-    return expect_byte(answer, 0, sent);
-}
-
 Reception<CAN_MSG>& can_reception();
 Reception<CANFD_MSG>& canfd_reception();
 
 // The one line the schedule calls print when the adapter refuses (an answer byte of
-// -1 means no byte came).
+// -1 means no byte came; the receive status is 0 or kNoHeader).
 void report_refusal(int answer_byte, int receive_status);
 
 }  // namespace polybus

@@ -61,7 +61,7 @@ POLYBUS_API int CAN_GetCANSpeedArg(int dev, CAN_INIT_CONFIG* cfg, unsigned int b
     unsigned rows = 0;
     const CAN_BRT_ENTRY* table = classic_can_timing(dev, &rows);
     const CAN_BRT_ENTRY* found = find_timing(table, rows, bps);
-    if (found == nullptr || cfg == nullptr) return -4;
+    if (found == nullptr || cfg == nullptr) return kBadAnswer;
     cfg->CAN_BRP = found->BRP;
     cfg->CAN_SJW = found->SJW;
     cfg->CAN_BS1 = found->BS1;
@@ -75,12 +75,12 @@ POLYBUS_API int CAN_GetCANSpeedArg(int dev, CAN_INIT_CONFIG* cfg, unsigned int b
 }
 
 POLYBUS_API int CANFD_GetCANSpeedArg(int dev, CANFD_INIT_CONFIG* cfg, unsigned int nominal_bps, unsigned int data_bps) {
-    if (cfg == nullptr) return -4;
+    if (cfg == nullptr) return kBadAnswer;
     if (!is_canfd_series(dev)) {
         unsigned rows = 0;
         const CAN_BRT_ENTRY* table = classic_can_timing(dev, &rows);
         const CAN_BRT_ENTRY* n = find_timing(table, rows, nominal_bps);
-        if (n == nullptr) return -4;
+        if (n == nullptr) return kBadAnswer;
         cfg->NBT_BRP = static_cast<uint8_t>(n->BRP);
         cfg->NBT_SEG1 = n->BS1;
         cfg->NBT_SEG2 = n->BS2;
@@ -89,7 +89,7 @@ POLYBUS_API int CANFD_GetCANSpeedArg(int dev, CANFD_INIT_CONFIG* cfg, unsigned i
     }
     const CAN_BRT_ENTRY* n = find_timing(CAN_BRT_QUENDRIX_NBT, 17, nominal_bps);
     const CAN_BRT_ENTRY* d = find_timing(CAN_BRT_QUENDRIX_DBT, 23, data_bps);
-    if (n == nullptr || d == nullptr) return -4;
+    if (n == nullptr || d == nullptr) return kBadAnswer;
     cfg->Mode = 0;
     cfg->Option1 = 1;
     cfg->Option2 = 1;

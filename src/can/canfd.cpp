@@ -8,39 +8,25 @@
 #include "can/can_internal.h"
 #include "can/canfd_wire.h"
 #include "transport/exchange.h"
+#include "transport/lock.h"
+#include "wire/canfd.h"
 
 using namespace polybus;
+using namespace polybus::wire;
 
 namespace {
 
-constexpr uint32_t kFdSendChunk = 128;
 constexpr size_t kFdReadBytes = CANFD_READ_MAX_FRAMES * (kFdHead + 64);
 
 // Frame sends and their status requests travel on the channel's own endpoint.
 Route channel_pipe(unsigned char ch) { return Route{Pipe::CanFd, ch}; }
 
-// A command answered with its own code and exactly `size` bytes, copied to `out`.
-int echoed_record(int dev, uint32_t code, unsigned char ch, void* out, size_t size, Route route = {}) {
+// A per-channel command answered with its own code and exactly sizeof(Record) bytes.
+template <typename Record>
+int fetch_channel_record(int dev, uint32_t code, unsigned char ch, Record* out, Route route = {}) {
     Command request(code);
     request.u8(ch);
-    AnswerBuffer<16> answer;
-    const int rc = transact(dev, request, answer, {}, route);
-    if (rc != 0) return rc;
-    if (answer.command != code || answer.length != size || answer.received != size) return -4;
-    if (out != nullptr) std::memcpy(out, answer.buffer(), size);
-    return 0;
-}
-
-int fetch_fd(int dev, unsigned char ch) { return CANFD_ReadMsgToBuffer(dev, ch); }
-
-CANFD_MSG* read_scratch() {
-    thread_local std::unique_ptr<CANFD_MSG[]> scratch(new CANFD_MSG[CANFD_READ_MAX_FRAMES]);
-    return scratch.get();
-}
-
-uint8_t* answer_scratch() {
-    thread_local std::unique_ptr<uint8_t[]> scratch(new uint8_t[kFdReadBytes]);
-    return scratch.get();
+    return fetch_echoed(dev, request, out, sizeof(Record), {}, route);
 }
 
 // Waits until the adapter has finished the last send request of the channel. Returns
@@ -54,17 +40,17 @@ int await_transmission(int dev, unsigned char ch, uint32_t k, uint32_t& number, 
     for (;;) {
         CAN_TX_BUFFER_FLAG state;
         const int rc = CANFD_SendMsgStatus(dev, ch, &state);
-        if (rc != 0) return rc;
+        if (rc != kOk) return rc;
         if (state.TxAbort != 0) {
             number = state.TxTotal;
             aborted = true;
-            return 0;
+            return kOk;
         }
         if (state.TxCount == state.TxTotal) {
             number = state.TxCount;
-            return 0;
+            return kOk;
         }
-        if (clock::now() >= deadline) return 0;
+        if (clock::now() >= deadline) return kOk;
         // Short requests are polled back to back; longer ones leave the adapter time.
         if (k >= 20) std::this_thread::sleep_for(std::chrono::milliseconds(k < 50 ? 2 : 5));
     }
@@ -73,12 +59,12 @@ int await_transmission(int dev, unsigned char ch, uint32_t k, uint32_t& number, 
 // Fetches the transmit events of the last request and stamps the chunk's frames with
 // them. Returns the number of events or a failure status.
 int collect_events(int dev, unsigned char ch, CANFD_MSG* chunk, uint32_t k) {
-    Command request(0x4009);
+    Command request(CANFD_GET_TX_EVENTS);
     request.u8(ch);
     uint8_t events[kFdSendChunk * kFdHead];
     Answer answer(events, sizeof(events));
     const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
+    if (rc != kOk) return rc;
     size_t n = answer.received / kFdHead;
     if (n > k) n = k;
     for (size_t i = 0; i < n; ++i) {
@@ -92,69 +78,56 @@ int collect_events(int dev, unsigned char ch, CANFD_MSG* chunk, uint32_t k) {
     return static_cast<int>(n);
 }
 
-}  // namespace
+// One send request of up to 128 frames, its status polls and its transmit events. The
+// channel is held for the whole of it, so the status and the events belong to this
+// request; the device itself is held per exchange only (the status poll is an exported
+// call that takes it), so reception keeps running meanwhile. Returns the events fetched
+// or a failure status; `aborted` when the adapter gave up.
+int send_chunk(int dev, unsigned char ch, CANFD_MSG* chunk, uint32_t k, bool& aborted) {
+    Command request(CANFD_SEND, kFdHead + size_t{k} * (kFdHead + 64));
+    request.zeros(10).u8(ch).u8(static_cast<uint8_t>(k));
+    for (uint32_t i = 0; i < k; ++i)
+        request.le32(fd_send_word0(chunk[i])).le32(fd_send_word1(chunk[i], i)).le32(0)
+            .bytes(chunk[i].Data, fd_send_data_bytes(chunk[i]));
 
-namespace polybus {
-Reception<CANFD_MSG>& canfd_reception() {
-    static Reception<CANFD_MSG> reception(&fetch_fd);
-    return reception;
+    CanChannelLock hold(dev, ch);
+    int rc = answered(dev, request, {}, channel_pipe(ch));
+    if (rc != kOk) return rc;
+    uint32_t number = 0;
+    rc = await_transmission(dev, ch, k, number, aborted);
+    if (rc != kOk) return rc;
+    return number != 0 ? collect_events(dev, ch, chunk, k) : 0;
 }
-}  // namespace polybus
+
+}  // namespace
 
 extern "C" {
 
 POLYBUS_API int CANFD_Init(int dev, unsigned char ch, CANFD_INIT_CONFIG* cfg) {
-    if (cfg == nullptr) return -4;
-    Command request(0x4000);
-    request.u8(ch).bytes(cfg, sizeof(*cfg));
+    if (cfg == nullptr) return kBadAnswer;
+    Command request(CANFD_INIT);
+    request.u8(ch).record(*cfg);
     return acknowledged(dev, request);
 }
 
 POLYBUS_API int CANFD_SetFilter(int dev, unsigned char ch, CANFD_FILTER_CONFIG* filters, unsigned char count) {
-    if (filters == nullptr && count != 0) return -4;
-    Command request(0x4001);
+    if (filters == nullptr && count != 0) return kBadAnswer;
+    Command request(CANFD_SET_FILTER);
     request.u8(ch);
-    for (unsigned i = 0; i < count; ++i) {
-        uint8_t entry[sizeof(CANFD_FILTER_CONFIG)] = {0};
-        entry[0] = filters[i].Enable;
-        entry[1] = filters[i].Index;
-        put_le32(entry + 4, filters[i].ID);
-        put_le32(entry + 8, filters[i].Mask);
-        request.bytes(entry, sizeof(entry));
-    }
+    for (unsigned i = 0; i < count; ++i)
+        request.u8(filters[i].Enable).u8(filters[i].Index).zeros(2).le32(filters[i].ID).le32(filters[i].Mask);
     return acknowledged(dev, request);
 }
 
 POLYBUS_API int CANFD_SendMsg(int dev, unsigned char ch, CANFD_MSG* msgs, unsigned int count) {
     if (count == 0) return 0;
-    if (msgs == nullptr) return -4;
+    if (msgs == nullptr) return kBadAnswer;
     int total = 0;
     for (uint32_t offset = 0; offset < count; offset += kFdSendChunk) {
         const uint32_t k = count - offset < kFdSendChunk ? count - offset : kFdSendChunk;
-        CANFD_MSG* chunk = msgs + offset;
-        Command request(0x4002, kFdHead + size_t{k} * (kFdHead + 64));
-        uint8_t head[kFdHead] = {0};
-        head[10] = ch;
-        head[11] = static_cast<uint8_t>(k);
-        request.bytes(head, sizeof(head));
-        uint8_t packed[kFdHead + 64];
-        for (uint32_t i = 0; i < k; ++i) request.bytes(packed, pack_fd_frame(chunk[i], i, packed));
-
-        // One send request of the channel at a time: the status and the events that
-        // follow belong to it.
-        can_lock(dev, ch);
-        AnswerBuffer<16> answer;
-        int rc = transact(dev, request, answer, {}, channel_pipe(ch));
-        uint32_t number = 0;
         bool aborted = false;
-        if (rc == 0) rc = await_transmission(dev, ch, k, number, aborted);
-        int events = 0;
-        if (rc == 0 && number != 0) {
-            events = collect_events(dev, ch, chunk, k);
-            if (events < 0) rc = events;
-        }
-        can_unlock(dev, ch);
-        if (rc != 0) return rc;
+        const int events = send_chunk(dev, ch, msgs + offset, k, aborted);
+        if (events < 0) return events;
         total += events;
         if (aborted) return total;
     }
@@ -162,17 +135,17 @@ POLYBUS_API int CANFD_SendMsg(int dev, unsigned char ch, CANFD_MSG* msgs, unsign
 }
 
 POLYBUS_API int CANFD_SendMsgStatus(int dev, unsigned char ch, CAN_TX_BUFFER_FLAG* flags) {
-    return echoed_record(dev, 0x400A, ch, flags, sizeof(CAN_TX_BUFFER_FLAG), channel_pipe(ch));
+    return fetch_channel_record(dev, CANFD_SEND_STATUS, ch, flags, channel_pipe(ch));
 }
 
 POLYBUS_API int CANFD_ReadMsg(int dev, unsigned char ch, CANFD_MSG* out) {
-    Command request(0x4003);
+    Command request(CANFD_READ);
     request.u8(ch & 1);
-    uint8_t* packed = answer_scratch();
+    uint8_t* packed = thread_scratch<uint8_t, kFdReadBytes>();
     Answer answer(packed, kFdReadBytes);
     const int rc = transact(dev, request, answer);
-    if (rc != 0) return rc;
-    if (answer.command != 0x4003) return -4;
+    if (rc != kOk) return rc;
+    if (expect_echo(answer, CANFD_READ) != kOk) return kBadAnswer;
     int n = 0;
     size_t offset = 0;
     while (n < CANFD_READ_MAX_FRAMES) {
@@ -185,26 +158,26 @@ POLYBUS_API int CANFD_ReadMsg(int dev, unsigned char ch, CANFD_MSG* out) {
 }
 
 POLYBUS_API int CANFD_GetDiagnostic(int dev, unsigned char ch, CANFD_DIAGNOSTIC* diagnostic) {
-    return echoed_record(dev, 0x4004, ch, diagnostic, sizeof(CANFD_DIAGNOSTIC));
+    return fetch_channel_record(dev, CANFD_GET_DIAGNOSTIC, ch, diagnostic);
 }
 
 POLYBUS_API int CANFD_GetBusError(int dev, unsigned char ch, CANFD_BUS_ERROR* errors) {
-    return echoed_record(dev, 0x4005, ch, errors, sizeof(CANFD_BUS_ERROR));
+    return fetch_channel_record(dev, CANFD_GET_BUS_ERROR, ch, errors);
 }
 
 POLYBUS_API int CANFD_Stop(int dev, unsigned char ch) {
-    Command request(0x400C);
+    Command request(CANFD_STOP);
     request.u8(ch);
     const int rc = acknowledged(dev, request);
-    if (rc != 0) return rc;
+    if (rc != kOk) return rc;
     CANFD_ClearMsg(dev, ch);
-    return 0;
+    return kOk;
 }
 
 POLYBUS_API int CANFD_SetRelay(int dev, unsigned char state) {
-    Command request(0x4008);
+    Command request(CANFD_SET_RELAY);
     request.u8(state);
-    return echoed_byte(dev, request, state);
+    return judged(dev, request, [state](const Answer& a) { return expect_byte(a, 0, state); });
 }
 
 // The same operations as the CAN_ calls, which for a CAN FD handle hand it back here.
@@ -219,7 +192,7 @@ POLYBUS_API int CANFD_GetRelayData(int dev, CAN_RELAY_HEADER* header, unsigned c
 // ---- Receive buffering ------------------------------------------------------------
 
 POLYBUS_API int CANFD_ReadMsgToBuffer(int dev, unsigned char ch) {
-    CANFD_MSG* frames = read_scratch();
+    CANFD_MSG* frames = thread_scratch<CANFD_MSG, CANFD_READ_MAX_FRAMES>();
     const int n = CANFD_ReadMsg(dev, ch, frames);
     if (n < 0) return n;
     canfd_reception().append(dev, ch, frames, static_cast<size_t>(n), true);

@@ -13,10 +13,11 @@
 
 #include "polybus/canfd.h"
 #include "transport/bytes.h"
+#include "wire/canfd.h"
 
 namespace polybus {
 
-constexpr size_t kFdHead = 12;
+using wire::kFdHead;
 
 inline uint8_t DataBytesToDlc(unsigned bytes) {
     if (bytes <= 8) return static_cast<uint8_t>(bytes);
@@ -46,21 +47,33 @@ inline uint32_t id_from_wire(uint32_t word, bool extended) {
     return (word & 0x7FFu) | ((word >> 29) & 1u) << 11;
 }
 
-// Writes one frame for a send request; returns the bytes written (12 + data).
-inline size_t pack_fd_frame(const CANFD_MSG& m, unsigned index, uint8_t* out) {
-    const bool extended = (m.ID >> 31) & 1u;
-    const uint8_t dlc = DataBytesToDlc(m.DLC);
-    uint32_t w1 = dlc;
-    w1 |= (extended ? 1u : 0u) << 4;
-    w1 |= ((m.ID >> 30) & 1u) << 5;
+// Head word 0 of a frame to send: its identifier in controller layout.
+inline uint32_t fd_send_word0(const CANFD_MSG& m) {
+    return id_to_wire(m.ID & 0x1FFFFFFFu, (m.ID >> 31) & 1u);
+}
+
+// Head word 1 of a frame to send, `index` being its place in the send request.
+inline uint32_t fd_send_word1(const CANFD_MSG& m, unsigned index) {
+    uint32_t w1 = DataBytesToDlc(m.DLC);
+    w1 |= ((m.ID >> 31) & 1u) << 4;      // 29-bit identifier
+    w1 |= ((m.ID >> 30) & 1u) << 5;      // remote
     w1 |= (m.Flags & 1u) << 6;           // bit-rate switch
     w1 |= ((m.Flags >> 2) & 1u) << 7;    // FD frame
     w1 |= ((m.Flags >> 1) & 1u) << 8;    // error state
     w1 |= (index & 0x7Fu) << 9;
-    put_le32(out, id_to_wire(m.ID & 0x1FFFFFFFu, extended));
-    put_le32(out + 4, w1);
+    return w1;
+}
+
+// Data bytes that go with a frame to send: as many as its coded DLC stands for, all
+// taken from Data as the caller left it.
+inline size_t fd_send_data_bytes(const CANFD_MSG& m) { return DlcToDataBytes(DataBytesToDlc(m.DLC)); }
+
+// Writes one frame for a send request; returns the bytes written (12 + data).
+inline size_t pack_fd_frame(const CANFD_MSG& m, unsigned index, uint8_t* out) {
+    put_le32(out, fd_send_word0(m));
+    put_le32(out + 4, fd_send_word1(m, index));
     put_le32(out + 8, 0);
-    const size_t n = DlcToDataBytes(dlc);
+    const size_t n = fd_send_data_bytes(m);
     std::memcpy(out + kFdHead, m.Data, n);
     return kFdHead + n;
 }

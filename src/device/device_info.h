@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-uint16_t crc16_ccitt(const uint8_t* data, int len);
+#include "device/crc16.h"
 
 // DEV_GetDllBuildTime's text from a compiler date ("Oct 14 2022") and time
 // ("12:25:51"); writes at most kBuildTimeSize bytes, terminator included.

@@ -50,9 +50,14 @@ int transact(int DevHandle, Command& request, Answer& answer, Timing timing, Rou
     return session.exchange(request, answer, timing, route);
 }
 
+bool vendor_request(int DevHandle, const VendorRequest& request, unsigned char* data) {
+    return USBCtrlData(DevHandle, request.request_type, request.request, request.value, request.index, data,
+                       request.length, request.timeout_ms) == 1;
+}
+
 bool vendor_request(int DevHandle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
                     unsigned char* data, uint16_t wLength, unsigned TimeOutMs) {
-    return USBCtrlData(DevHandle, bmRequestType, bRequest, wValue, wIndex, data, wLength, TimeOutMs) == 1;
+    return vendor_request(DevHandle, VendorRequest{bmRequestType, bRequest, wValue, wIndex, wLength, TimeOutMs}, data);
 }
 
 }  // namespace polybus

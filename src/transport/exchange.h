@@ -19,6 +19,7 @@
 
 #include "polybus/common.h"
 #include "transport/bytes.h"
+#include "transport/usb_message.h"
 
 namespace polybus {
 
@@ -51,26 +52,11 @@ public:
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
 
-    Command& u8(uint8_t v) {
-        if (uint8_t* p = grow(1)) p[0] = v;
-        return *this;
-    }
-    Command& be16(uint16_t v) {
-        if (uint8_t* p = grow(2)) put_be16(p, v);
-        return *this;
-    }
-    Command& be32(uint32_t v) {
-        if (uint8_t* p = grow(4)) put_be32(p, v);
-        return *this;
-    }
-    Command& le16(uint16_t v) {
-        if (uint8_t* p = grow(2)) put_le16(p, v);
-        return *this;
-    }
-    Command& le32(uint32_t v) {
-        if (uint8_t* p = grow(4)) put_le32(p, v);
-        return *this;
-    }
+    Command& u8(uint8_t v) { return field<1>(v, [](uint8_t* p, uint8_t x) { p[0] = x; }); }
+    Command& be16(uint16_t v) { return field<2>(v, put_be16); }
+    Command& be32(uint32_t v) { return field<4>(v, put_be32); }
+    Command& le16(uint16_t v) { return field<2>(v, put_le16); }
+    Command& le32(uint32_t v) { return field<4>(v, put_le32); }
     // Bytes as they stand; a null source writes zeros.
     Command& bytes(const void* src, size_t n) {
         if (n == 0) return *this;
@@ -95,6 +81,12 @@ public:
     bool failed() const { return failed_; }
 
 private:
+    template <size_t N, typename T, typename Put>
+    Command& field(T v, Put put) {
+        if (uint8_t* p = grow(N)) put(p, v);
+        return *this;
+    }
+
     uint8_t* grow(size_t n) {
         if (failed_ || len_ + n > cap_) {
             failed_ = true;
@@ -170,6 +162,8 @@ inline int expect_exactly(const Answer& a, size_t n) {
 }
 // At least `n` payload bytes arrived.
 inline int expect_at_least(const Answer& a, size_t n) { return a.received >= n ? kOk : kBadAnswer; }
+// The header announced at least `n` payload bytes (however many of them arrived).
+inline int expect_announced(const Answer& a, size_t n) { return a.length >= n ? kOk : kBadAnswer; }
 // The byte at `off` arrived and is the firmware's success status, 0.
 inline int expect_status_ok(const Answer& a, size_t off = 0) {
     return a.received > off && a.u8(off) == 0 ? kOk : kBadAnswer;
@@ -222,15 +216,29 @@ private:
 int transact(int DevHandle, Command& request, Answer& answer, Timing timing = {}, Route route = {});
 
 // The commonest shapes, built from the above.
+// A command whose answer is not judged: success is that an answer came (its payload,
+// if any, is drained).
+inline int answered(int DevHandle, Command& request, Timing timing = {}, Route route = {}) {
+    AnswerBuffer<16> answer;
+    return transact(DevHandle, request, answer, timing, route);
+}
+// A command with a small answer (up to 16 bytes kept) judged by `judge`, a function of
+// the Answer returning kOk or a status: judged(dev, request, [&](const Answer& a) {
+// return expect_byte(a, 0, state); }).
+template <typename Judge>
+int judged(int DevHandle, Command& request, Judge&& judge, Timing timing = {}, Route route = {}) {
+    AnswerBuffer<16> answer;
+    const int rc = transact(DevHandle, request, answer, timing, route);
+    return rc != kOk ? rc : judge(static_cast<const Answer&>(answer));
+}
 // A command whose success is an empty answer.
 inline int acknowledged(int DevHandle, Command& request, Timing timing = {}, Route route = {}) {
     AnswerBuffer<16> answer;
     const int rc = transact(DevHandle, request, answer, timing, route);
     return rc != kOk ? rc : expect_empty(answer);
 }
-// A command answered with exactly `size` bytes, copied to `out` (may be null).
-inline int fetch_exactly(int DevHandle, Command& request, void* out, size_t size, Timing timing = {},
-                         Route route = {}) {
+namespace detail {
+inline int fetch(int DevHandle, Command& request, void* out, size_t size, bool echoed, Timing timing, Route route) {
     AnswerBuffer<64> small;
     std::unique_ptr<uint8_t[]> large;
     Answer answer = small;
@@ -241,14 +249,29 @@ inline int fetch_exactly(int DevHandle, Command& request, void* out, size_t size
     }
     const int rc = transact(DevHandle, request, answer, timing, route);
     if (rc != kOk) return rc;
+    if (echoed && expect_echo(answer, request.code()) != kOk) return kBadAnswer;
     if (expect_exactly(answer, size) != kOk) return kBadAnswer;
     answer.copy_to(out, size);
     return kOk;
 }
+}  // namespace detail
 
-// A vendor control request on endpoint 0 (read identifier, reset, stop streaming),
-// reported to the transport trace like every exchange. Returns true when the transfer
-// moved exactly wLength bytes.
+// A command answered with exactly `size` bytes, copied to `out` (may be null).
+inline int fetch_exactly(int DevHandle, Command& request, void* out, size_t size, Timing timing = {},
+                         Route route = {}) {
+    return detail::fetch(DevHandle, request, out, size, false, timing, route);
+}
+// The same, and the answer must carry the request's own command code.
+inline int fetch_echoed(int DevHandle, Command& request, void* out, size_t size, Timing timing = {},
+                        Route route = {}) {
+    return detail::fetch(DevHandle, request, out, size, true, timing, route);
+}
+
+// A vendor control request on endpoint 0 of an open device (reset, stop streaming),
+// reported to the transport trace (POLYBUS_TRACE_CONTROL) like every exchange. Name the
+// request once as a VendorRequest constant beside the family's wire codes. Returns true
+// when the transfer moved exactly wLength bytes; false also for a device that is not open.
+bool vendor_request(int DevHandle, const VendorRequest& request, unsigned char* data = nullptr);
 bool vendor_request(int DevHandle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
                     unsigned char* data, uint16_t wLength, unsigned TimeOutMs);
 

@@ -29,4 +29,32 @@ public:
 private:
     int handle_;
 };
+
+// Holds AllMutex (scanning, opening) for one scope.
+class AllDevicesLock {
+public:
+    AllDevicesLock() { lock_all(); }
+    ~AllDevicesLock() { unlock_all(); }
+    AllDevicesLock(const AllDevicesLock&) = delete;
+    AllDevicesLock& operator=(const AllDevicesLock&) = delete;
+};
+
+// Holds one of the per-(device, channel) mutexes for one scope.
+template <void (*Lock)(int, int), void (*Unlock)(int, int)>
+class ChannelLock {
+public:
+    ChannelLock(int handle, int channel) : handle_(handle), channel_(channel) { Lock(handle_, channel_); }
+    ~ChannelLock() { Unlock(handle_, channel_); }
+    ChannelLock(const ChannelLock&) = delete;
+    ChannelLock& operator=(const ChannelLock&) = delete;
+
+private:
+    int handle_;
+    int channel_;
+};
+
+using CanChannelLock = ChannelLock<can_lock, can_unlock>;          // a whole CAN FD send
+using CanDataLock = ChannelLock<can_data_lock, can_data_unlock>;   // CAN receive buffers
+using LinDataLock = ChannelLock<lin_lock, lin_unlock>;
+using SpiDataLock = ChannelLock<spi_data_lock, spi_data_unlock>;
 }  // namespace polybus

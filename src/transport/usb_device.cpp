@@ -7,7 +7,13 @@
 #include <vector>
 
 #include "polybus/usb_device.h"
+#include "transport/exchange.h"
 #include "transport/lock.h"
+#include "transport/usb_message.h"
+#include "wire/device.h"
+
+using polybus::AllDevicesLock;
+using polybus::DeviceLock;
 
 extern "C" {
 POLYBUS_API int DevHandle[POLYBUS_DEVHANDLE_SLOTS];
@@ -23,6 +29,10 @@ libusb_device** retry_devices = nullptr;  // device array of the last reconnect 
 
 constexpr uint16_t kVendor = 0x0483;
 constexpr uint16_t kProduct = 0x7918;  // and 0x7919: compared with bit 0 masked off
+
+// The adapter's two vendor requests: its 32-bit identifier (the handle), and a restart.
+constexpr VendorRequest kReadIdentifier{0xC1, polybus::wire::VENDOR_READ_IDENTIFIER, 0, 0, 4, 100};
+constexpr VendorRequest kResetAdapter{0x41, polybus::wire::VENDOR_RESET, 0, 0, 0, 100};
 
 bool is_adapter_descriptor(const libusb_device_descriptor& d) {
     return d.idVendor == kVendor && (d.idProduct & 0xFFFE) == kProduct;
@@ -45,16 +55,33 @@ void close_entry_handle(UsbDevNode* node) {
 // another thread is running on that handle completes before the handle goes away.
 void close_entry_handle_locked(UsbDevNode* node) {
     if (node == nullptr || node->handle == nullptr) return;
-    const int dev = static_cast<int>(node->DevHandle);
-    lock(dev);
+    DeviceLock hold(static_cast<int>(node->DevHandle));
     close_entry_handle(node);
-    unlock(dev);
+}
+
+// An entry keeps its own reference on the libusb device it names. The device arrays of
+// scans and reconnect searches are freed (and unreferenced) by the next one, and a
+// device that re-enumerated after a reset is a new libusb object: the entry follows it,
+// so that a closed device can be opened again without a scan.
+void set_entry_device(UsbDevNode* node, libusb_device* dev) {
+    if (node->dev == dev) return;
+    if (dev != nullptr) libusb_ref_device(dev);
+    if (node->dev != nullptr) libusb_unref_device(node->dev);
+    node->dev = dev;
+}
+
+void drop_entry(UsbDevNode* node) {
+    set_entry_device(node, nullptr);
+    usb_list_del(node);
 }
 
 // Drops everything the previous context owned, so that a re-initialisation after a
 // reset starts from an empty list without leaking handles, lists or the context.
 void teardown_context() {
-    for (int i = 0; UsbDevNode* n = usb_list_post_with_index(i); ++i) close_entry_handle_locked(n);
+    for (int i = 0; UsbDevNode* n = usb_list_post_with_index(i); ++i) {
+        close_entry_handle_locked(n);
+        set_entry_device(n, nullptr);
+    }
     usb_list_clear();
     if (scan_devices != nullptr) libusb_free_device_list(scan_devices, 1);
     if (retry_devices != nullptr) libusb_free_device_list(retry_devices, 1);
@@ -90,13 +117,12 @@ int check_device(libusb_device* dev, uint8_t* id_out, uint8_t* id_len_out, libus
         return 0;
     }
     uint8_t id[4] = {0};
-    int got = libusb_control_transfer(h, 0xC1, 0x50, 0, 0, id, 4, 100);
+    // The adapter has no handle yet: the identifier it answers becomes one.
+    const int got = vendor_control(h, 0, kReadIdentifier, id);
     if (id_out != nullptr) std::memcpy(id_out, id, 4);
     if (id_len_out != nullptr) *id_len_out = got == 4 ? 4 : 0;
-    const uint32_t ident = uint32_t{id[0]} | uint32_t{id[1]} << 8 | uint32_t{id[2]} << 16 | uint32_t{id[3]} << 24;
-    lock(static_cast<int>(ident));
+    DeviceLock hold(static_cast<int>(polybus::get_le32(id)));
     libusb_close(h);
-    unlock(static_cast<int>(ident));
     return 1;
 }
 
@@ -124,17 +150,14 @@ int retry_connect_dev(int handle) {
     if (match == nullptr) return 0;
     // A handle left from before the device vanished is dead; do not leak it. The swap
     // runs under the exchange lock: other threads may still be using the old handle.
-    lock(handle);
+    DeviceLock hold(handle);
     close_entry_handle(node);
+    set_entry_device(node, match);
     libusb_device_handle* fresh = nullptr;
-    int ok = 0;
-    if (libusb_open(match, &fresh) == 0 && fresh != nullptr) {
-        // A failed claim keeps the handle open in the entry, as a reconnect always has.
-        node->handle = fresh;
-        ok = libusb_claim_interface(fresh, 0) == 0 ? 1 : 0;
-    }
-    unlock(handle);
-    return ok;
+    if (libusb_open(match, &fresh) != 0 || fresh == nullptr) return 0;
+    // A failed claim keeps the handle open in the entry, as a reconnect always has.
+    node->handle = fresh;
+    return libusb_claim_interface(fresh, 0) == 0 ? 1 : 0;
 }
 
 void del_dead_device() {
@@ -143,19 +166,18 @@ void del_dead_device() {
     for (UsbDevNode* e : entries) {
         const bool present = retry_connect_dev(static_cast<int>(e->DevHandle)) != 0;
         close_entry_handle_locked(e);
-        if (!present) usb_list_del(e);
+        if (!present) drop_entry(e);
     }
 }
 
 int scan_dev(int* pDevHandle) {
-    lock_all();
+    AllDevicesLock hold;
     if (usb_init_flag == 0) {
         teardown_context();
         usb_list_init();
         int rc = libusb_init(&ctx);
         if (rc < 0) {
             ctx = nullptr;
-            unlock_all();
             return rc;
         }
         libusb_set_option(ctx, LIBUSB_OPTION_LOG_LEVEL, LIBUSB_LOG_LEVEL_NONE);
@@ -166,17 +188,13 @@ int scan_dev(int* pDevHandle) {
     ssize_t count = libusb_get_device_list(ctx, &scan_devices);
     if (count < 0) {
         scan_devices = nullptr;
-        unlock_all();
         return static_cast<int>(count);
     }
     for (ssize_t i = 0; i < count; ++i) {
         libusb_device* dev = scan_devices[i];
         libusb_device_descriptor desc{};
         int rc = libusb_get_device_descriptor(dev, &desc);
-        if (rc != 0) {
-            unlock_all();
-            return rc;
-        }
+        if (rc != 0) return rc;
         if (!is_adapter_descriptor(desc)) continue;
         uint8_t id[4] = {0};
         uint8_t id_len = 0;
@@ -184,12 +202,10 @@ int scan_dev(int* pDevHandle) {
         if (!check_device(dev, id, &id_len, &unused)) continue;
         const uint8_t bus = libusb_get_bus_number(dev);
         const uint8_t address = libusb_get_device_address(dev);
-        const uint32_t handle = id_len == 4
-            ? (uint32_t{id[0]} | uint32_t{id[1]} << 8 | uint32_t{id[2]} << 16 | uint32_t{id[3]} << 24)
-            : (uint32_t{bus} << 8 | address);
+        const uint32_t handle = id_len == 4 ? polybus::get_le32(id) : (uint32_t{bus} << 8 | address);
         if (UsbDevNode* node = usb_list_post(handle)) {
             close_entry_handle_locked(node);
-            node->dev = dev;
+            set_entry_device(node, dev);
             node->DevHandle = handle;
             node->bus = bus;
             node->address = address;
@@ -197,7 +213,7 @@ int scan_dev(int* pDevHandle) {
         }
         auto* node = static_cast<UsbDevNode*>(std::calloc(1, sizeof(UsbDevNode)));
         if (node == nullptr) continue;
-        node->dev = dev;
+        set_entry_device(node, dev);
         node->DevHandle = handle;
         node->bus = bus;
         node->address = address;
@@ -208,7 +224,6 @@ int scan_dev(int* pDevHandle) {
     int n = usb_list_get_devnums(handles.data());
     if (pDevHandle != nullptr)
         for (int i = 0; i < n; ++i) pDevHandle[i] = static_cast<int>(handles[static_cast<size_t>(i)]);
-    unlock_all();
     return n;
 }
 
@@ -217,22 +232,19 @@ int rescan_dev(int* pDevHandle) { return scan_dev(pDevHandle); }
 int open_dev(int handle) {
     UsbDevNode* node = usb_list_post(static_cast<uint32_t>(handle));
     if (node == nullptr || node->dev == nullptr) return 0;
-    lock_all();
-    int ok = 0;
+    AllDevicesLock hold;
     uint8_t id[4];
     uint8_t id_len = 0;
     libusb_device_handle* unused = nullptr;
-    if (check_device(node->dev, id, &id_len, &unused)) {
-        close_entry_handle(node);
-        if (libusb_open(node->dev, &node->handle) == 0) {
-            if (libusb_claim_interface(node->handle, 0) == 0) ok = 1;
-            else close_entry_handle(node);
-        } else {
-            node->handle = nullptr;
-        }
+    if (!check_device(node->dev, id, &id_len, &unused)) return 0;
+    close_entry_handle_locked(node);
+    if (libusb_open(node->dev, &node->handle) != 0) {
+        node->handle = nullptr;
+        return 0;
     }
-    unlock_all();
-    return ok;
+    if (libusb_claim_interface(node->handle, 0) == 0) return 1;
+    close_entry_handle_locked(node);
+    return 0;
 }
 
 int close_dev(int handle) {
@@ -245,13 +257,8 @@ int close_dev(int handle) {
 
 int reset_dev(int handle) {
     usb_init_flag = 0;
-    int ok = 0;
-    lock(handle);
-    UsbDevNode* node = usb_list_post(static_cast<uint32_t>(handle));
-    if (node != nullptr && node->handle != nullptr)
-        ok = libusb_control_transfer(node->handle, 0x41, 0x60, 0, 0, nullptr, 0, 100) == 0 ? 1 : 0;
-    unlock(handle);
-    return ok;
+    DeviceLock hold(handle);
+    return polybus::vendor_request(handle, kResetAdapter) ? 1 : 0;
 }
 
 extern "C" {

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+struct libusb_device_handle;
+
 struct USB_MSG {
     uint32_t Command;
     uint32_t Length;
@@ -25,7 +27,23 @@ int MSG_GetBounded(int DevHandle, USB_MSG* msg, size_t capacity, size_t* receive
 inline bool frame_needs_zlp(int len, bool high_speed) { return len % (high_speed ? 512 : 64) == 0; }
 
 int USBBulkWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs);
-int USBBulkReadData(int DevHandle, int ep, void* data, int len, int TimeOutMs);
+// `transferred_out` (optional) gets the bytes that arrived, also when the read failed.
+int USBBulkReadData(int DevHandle, int ep, void* data, int len, int TimeOutMs, int* transferred_out = nullptr);
 int USBIntWriteData(int DevHandle, int ep, unsigned char* data, int len, int TimeOutMs);
+// A vendor control request on endpoint 0, as the adapter knows them (wire/device.h).
+struct VendorRequest {
+    uint8_t request_type;  // bmRequestType
+    uint8_t request;       // bRequest
+    uint16_t value;        // wValue
+    uint16_t index;        // wIndex
+    uint16_t length;       // wLength
+    unsigned timeout_ms;
+};
+
+// The one path of every vendor control request: runs it on `h` and reports it to the
+// transport trace under `DevHandle` (0 while a scan has not given the adapter a handle
+// yet). Returns libusb's result: the bytes moved, or a negative error code.
+int vendor_control(struct libusb_device_handle* h, int DevHandle, const VendorRequest& r, unsigned char* data);
+
 int USBCtrlData(int DevHandle, uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue, uint16_t wIndex,
                 unsigned char* data, uint16_t wLength, unsigned TimeOutMs);

@@ -7,17 +7,20 @@
 #include <mutex>
 #include <thread>
 
-#include "can_test_support.h"
+#include "can_fixture.h"
+#include "wire/can.h"
+#include "wire/canfd.h"
 
 using namespace can_test;
 using namespace polybus_sim;
+using namespace polybus::wire;
 
 namespace {
 class Reader : public CanKindTest {
 protected:
     size_t fetches() {
         size_t n = 0;
-        for (auto& s : trace->sends()) n += s.command == 0xC03 || s.command == 0x4003;
+        for (auto& s : trace->sends()) n += s.command == CAN_READ || s.command == CANFD_READ;
         return n;
     }
     // Moves buffered frames out without fetching (the reader serves the channel).

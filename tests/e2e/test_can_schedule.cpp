@@ -4,11 +4,17 @@
 #include <cstring>
 #include <thread>
 
-#include "can_test_support.h"
+#include "can_fixture.h"
+#include "expect_request.h"
+#include "wire/can.h"
+#include "wire/canfd.h"
+#include "wire/device.h"
 #include "device_model.h"
 
 using namespace can_test;
 using namespace polybus_sim;
+using namespace polybus_test;
+using namespace polybus::wire;
 using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStdout;
 
@@ -48,12 +54,14 @@ TEST_P(Schedule, TheAdapterPlaysTablesWithTheirPauses) {
     ASSERT_EQ(upload(0), 0);
     auto sends = trace->sends();
     ASSERT_EQ(sends.size(), 1u);
-    EXPECT_EQ(sends[0].command, fd() ? 0x400Bu : 0xC08u);
+    EXPECT_EQ(sends[0].command, fd() ? uint32_t{CANFD_SET_SCHEDULE} : uint32_t{CAN_SET_SCHEDULE});
     EXPECT_EQ(trace->gets()[0].timeout_ms, 5000);
     const size_t record = fd() ? sizeof(CANFD_MSG) : sizeof(CAN_MSG);
     EXPECT_EQ(sends[0].length, 2 + 2 * 3 + 4 * record);
-    EXPECT_EQ(std::vector<uint8_t>(sends[0].data.begin(), sends[0].data.begin() + 8),
-              (std::vector<uint8_t>{0, 2, 2, 2, 0, 0, 2, 0}));
+    EXPECT_REQUEST(sends[0], request(fd() ? uint32_t{CANFD_SET_SCHEDULE} : uint32_t{CAN_SET_SCHEDULE})
+                                 .u8(0, "channel").u8(2, "tables").u8(2, "frames of table 0")
+                                 .u8(2, "frames of table 1").le16(0, "parameter of table 0")
+                                 .le16(2, "parameter of table 1").and_more());
     // The pause travels unscaled, also in CAN FD records.
     uint32_t pause;
     std::memcpy(&pause, sends[0].data.data() + 8 + (fd() ? 8 : 4), 4);
@@ -61,8 +69,8 @@ TEST_P(Schedule, TheAdapterPlaysTablesWithTheirPauses) {
 
     trace->clear();
     ASSERT_EQ(CAN_StartSchedule(handle, 0, 0xFF, 1, 0), 0);  // all tables, one pass
-    EXPECT_EQ(trace->sends()[0].command, fd() ? 0x4006u : 0xC05u);
-    EXPECT_EQ(trace->sends()[0].data, (std::vector<uint8_t>{0, 0xFF, 1, 0}));
+    EXPECT_REQUEST(trace->sends()[0], request(fd() ? uint32_t{CANFD_START_SCHEDULE} : uint32_t{CAN_START_SCHEDULE})
+                                          .u8(0, "channel").u8(0xFF, "all tables").u8(1, "passes").u8(0));
     ASSERT_TRUE(eventually([&] { return can().pending(1) >= 6; }));
     auto got = take_all(1);
     ASSERT_EQ(got.size(), 6u);
@@ -82,7 +90,7 @@ TEST_P(Schedule, TheAdapterPlaysTablesWithTheirPauses) {
     ASSERT_TRUE(eventually([&] { return can().channel(0).schedule_frames >= 10; }));
     trace->clear();
     ASSERT_EQ(CAN_StopSchedule(handle, 0), 0);
-    EXPECT_EQ(trace->sends()[0].command, fd() ? 0x4007u : 0xC06u);
+    EXPECT_EQ(trace->sends()[0].command, fd() ? uint32_t{CANFD_STOP_SCHEDULE} : uint32_t{CAN_STOP_SCHEDULE});
     const uint64_t played = can().channel(0).schedule_frames;
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(can().channel(0).schedule_frames, played);
@@ -92,7 +100,7 @@ TEST_P(Schedule, TheAdapterPlaysTablesWithTheirPauses) {
     EXPECT_EQ(CAN_StartSchedule(handle, 0, 7, 0, 0), -4);
     EXPECT_EQ(GetCapturedStdout(), "res = 1 ret = 0\n");
     EXPECT_EQ(CAN_SetSchedule(handle, 0, frames.data(), counts.data(), params.data(), 0), 0);
-    adapter->inject(Fault::Oversized, fd() ? 0x4007 : 0xC06);
+    adapter->inject(Fault::Oversized, fd() ? uint32_t{CANFD_STOP_SCHEDULE} : uint32_t{CAN_STOP_SCHEDULE});
     EXPECT_EQ(CAN_StopSchedule(handle, 0), 0) << "the stop answer's content is not judged";
 }
 
@@ -105,11 +113,11 @@ TEST_P(ClassicSchedule, SmallSchedulesGoInOneCommand) {
     build(3, 170, 1);  // 10209 bytes: the largest that still fits
     ASSERT_EQ(upload(1), 0);
     ASSERT_EQ(trace->sends().size(), 1u);
-    EXPECT_EQ(trace->sends()[0].command, 0xC08u);
+    EXPECT_EQ(trace->sends()[0].command, uint32_t{CAN_SET_SCHEDULE});
     EXPECT_EQ(trace->sends()[0].length, 10211u);
 
     // An upload answered without its verdict byte fails: the line is printed.
-    adapter->inject(Fault::EmptyPayload, 0xC08);
+    adapter->inject(Fault::EmptyPayload, CAN_SET_SCHEDULE);
     build(1, 1, 1);
     CaptureStdout();
     EXPECT_EQ(upload(0), -4);
@@ -124,13 +132,10 @@ TEST_P(ClassicSchedule, LargeSchedulesGoToStorageAndPlayFromThere) {
     ASSERT_EQ(upload(1), 0);
     auto sends = trace->sends();
     ASSERT_GE(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0x010Cu);
-    EXPECT_EQ(sends[0].data, (std::vector<uint8_t>{0x08, 0x0E, 0x00, 0x00})) << "channel 1: 0x080E0000";
+    EXPECT_REQUEST(sends[0], request(DEV_ERASE_SCH_DATA).be32(0x080E0000, "channel 1's storage"));
     size_t written = 0;
     for (size_t i = 1; i < sends.size(); ++i) {
-        EXPECT_EQ(sends[i].command, 0x010Au);
-        EXPECT_EQ(std::vector<uint8_t>(sends[i].data.begin(), sends[i].data.begin() + 4),
-                  (std::vector<uint8_t>{0x08, 0x0E, 0x00, 0x00}));
+        EXPECT_REQUEST(sends[i], request(DEV_WRITE_SCH_DATA).be32(0x080E0000, "address").and_more());
         written += sends[i].length - 4;
     }
     EXPECT_EQ(written, 784u + 513 * 20);
@@ -148,7 +153,7 @@ TEST_P(ClassicSchedule, LargeSchedulesGoToStorageAndPlayFromThere) {
     // Channel 0's storage is its own; channel 1 plays table 2 (7 times) from storage.
     build(3, 171, 0);
     ASSERT_EQ(upload(0), 0);
-    EXPECT_EQ(trace->sends().back().command, 0x010Au);
+    EXPECT_EQ(trace->sends().back().command, uint32_t{DEV_WRITE_SCH_DATA});
     ASSERT_EQ(CAN_StartSchedule(handle, 1, 2, 1, 0), 0);
     ASSERT_TRUE(eventually([&] { return can().pending(0) >= 7 * 171; }));
     auto got = take_all(0);
@@ -163,7 +168,7 @@ TEST_P(ClassicSchedule, LargeSchedulesGoToStorageAndPlayFromThere) {
     ASSERT_TRUE(eventually([&] { return can().pending(0) >= 1; }));
     EXPECT_EQ(take_all(0)[0].ID, 0x100u);
 
-    adapter->inject(Fault::Oversized, 0x010C);
+    adapter->inject(Fault::Oversized, DEV_ERASE_SCH_DATA);
     build(3, 171, 0);
     EXPECT_EQ(upload(0), -4);
     EXPECT_EQ(CAN_SetSchedule(handle, 0, nullptr, counts.data(), params.data(), 3), -4);

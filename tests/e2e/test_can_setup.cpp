@@ -7,11 +7,17 @@
 
 #include <cstring>
 
-#include "can_test_support.h"
+#include "can_fixture.h"
 #include "device_model.h"
+#include "expect_request.h"
+#include "wire/can.h"
+#include "wire/canfd.h"
+#include "wire/device.h"
 
 using namespace can_test;
 using namespace polybus_sim;
+using namespace polybus_test;
+using namespace polybus::wire;
 
 namespace {
 class ClassicSetup : public CanKindTest {};
@@ -46,10 +52,12 @@ TEST_P(ClassicSetup, InitSendsRegisterCodesAndAnchorsTheTimeBase) {
     ASSERT_EQ(CAN_Init(handle, 0, &c), 0);
     auto sends = trace->sends();
     ASSERT_EQ(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0xC00u);
-    EXPECT_EQ(sends[0].data, bytes({0, 0, 1, 0, 1, 1, 0, 0x80, 1, 14, 4, 0x23, 0x04}));
-    EXPECT_EQ(sends[1].command, 0x0011u) << "the adapter's clock is read after a successful init";
-    EXPECT_EQ(sends[1].data, bytes({0}));
+    EXPECT_REQUEST(sends[0], request(CAN_INIT)
+                                 .u8(0, "channel").u8(0).u8(1, "ABOM").u8(0).u8(1, "NART bit 0").u8(1, "RFLM")
+                                 .u8(0, "TXFP bit 0").u8(0x80, "mode").u8(1, "SJW code").u8(14, "BS1 code")
+                                 .u8(4, "BS2 code").be16(0x2304, "prescaler, low 16 bits"));
+    EXPECT_REQUEST(sends[1], request(DEV_GET_TIMESTAMP).u8(0, "selector"))
+        << "the adapter's clock is read after a successful init";
     EXPECT_EQ(trace->gets()[0].timeout_ms, 1000);
     EXPECT_TRUE(can().channel(0).initialised);
 
@@ -71,7 +79,7 @@ TEST_P(ClassicSetup, InitSendsRegisterCodesAndAnchorsTheTimeBase) {
 
     // A failed init does not read the clock.
     trace->clear();
-    adapter->inject(Fault::Oversized, 0xC00);
+    adapter->inject(Fault::Oversized, CAN_INIT);
     EXPECT_EQ(CAN_Init(handle, 0, &c), -4) << "only an empty answer is good";
     EXPECT_EQ(trace->sends().size(), 1u);
     EXPECT_EQ(CAN_Init(handle, 0, &c), 0);
@@ -91,8 +99,10 @@ TEST_P(ClassicSetup, FilterRegistersAndBanks) {
     ASSERT_EQ(CAN_Filter_Init(handle, 1, &f), 0);
     auto sends = trace->sends();
     ASSERT_EQ(sends.size(), 1u);
-    EXPECT_EQ(sends[0].command, 0xC01u);
-    EXPECT_EQ(sends[0].data, bytes({1, 15, 0, 1, 0xD5, 0xE6, 0xF7, 0xAC, 0xFF, 0xFF, 0xFF, 0xFE, 0, 1}));
+    EXPECT_REQUEST(sends[0], request(CAN_SET_FILTER)
+                                 .u8(1, "channel").u8(15, "bank").u8(0, "mask mode").u8(1, "32-bit scale")
+                                 .be32(0xD5E6F7AC, "identifier register").be32(0xFFFFFFFE, "mask register")
+                                 .u8(0).u8(1, "enable"));
 
     // List mode: the mask register keeps only its IDE and RTR bits; 11-bit identifiers.
     trace->clear();
@@ -104,8 +114,11 @@ TEST_P(ClassicSetup, FilterRegistersAndBanks) {
     f.FilterIndex = 3;
     f.Enable = 0;
     ASSERT_EQ(CAN_Filter_Init(handle, 0, &f), 0);
-    EXPECT_EQ(trace->sends()[0].data, bytes({0, 3, 1, 1, 0x24, 0x60, 0x00, 0x02, 0, 0, 0, 6, 0, 0}));
-    adapter->inject(Fault::Oversized, 0xC01);
+    EXPECT_REQUEST(trace->sends()[0], request(CAN_SET_FILTER)
+                                          .u8(0, "channel").u8(3, "bank").u8(1, "list mode").u8(1, "32-bit scale")
+                                          .be32(0x24600002, "identifier register")
+                                          .be32(6, "mask register: IDE and RTR only").u8(0).u8(0, "enable"));
+    adapter->inject(Fault::Oversized, CAN_SET_FILTER);
     EXPECT_EQ(CAN_Filter_Init(handle, 0, &f), -4);
     EXPECT_EQ(CAN_Filter_Init(handle, 0, nullptr), -4);
 }
@@ -118,10 +131,10 @@ TEST_P(ClassicSetup, StopClosesTheChannelAndEmptiesItsBuffer) {
     ASSERT_EQ(CAN_Stop(handle, 0), 0);
     auto sends = trace->sends();
     ASSERT_GE(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0xC09u);
-    EXPECT_EQ(sends[1].command, 0xC03u) << "the adapter is drained as the buffer is emptied";
+    EXPECT_EQ(sends[0].command, uint32_t{CAN_STOP});
+    EXPECT_EQ(sends[1].command, uint32_t{CAN_READ}) << "the adapter is drained as the buffer is emptied";
     // The emptied buffer and the channel off the bus: CanTransfer.OnlyInitialisedChannelsAtTheSameRateTalk.
-    adapter->inject(Fault::Oversized, 0xC09);
+    adapter->inject(Fault::Oversized, CAN_STOP);
     EXPECT_EQ(CAN_Stop(handle, 1), -4);
 }
 
@@ -137,10 +150,12 @@ TEST_P(ClassicSetup, RelaySettingsRoundTripThroughUserData) {
               bytes({0xC0, 0xF5, 0xB0, 0x7B, 0x03, 0x00, 0x03, 0x00, 0x28, 0x02, 0, 0}));  // 48 + 3 x 168
     auto sends = trace->sends();
     ASSERT_EQ(sends.size(), 3u);
-    EXPECT_EQ(sends[0].command, 0x0109u);
-    EXPECT_EQ(sends[1].command, 0x0107u);
-    EXPECT_EQ(sends[1].length, 4u + 60 + 3 * 168);
-    EXPECT_EQ(sends[2].command, 0x0108u) << "written back and compared";
+    EXPECT_REQUEST(sends[0], request(DEV_ERASE_USER_DATA));
+    EXPECT_REQUEST(sends[1], request(DEV_WRITE_USER_DATA)
+                                 .be32(0, "offset").le32(0x7BB0F5C0, "magic").le32(0x00030003, "format")
+                                 .le32(48 + 3 * 168, "length").record(header).bytes(entries, "entries"));
+    EXPECT_REQUEST(sends[2], request(DEV_READ_USER_DATA).be32(0, "offset").be32(60 + 3 * 168, "length"))
+        << "written back and compared";
 
     CAN_RELAY_HEADER back{};
     std::vector<uint8_t> back_entries(CAN_RELAY_MAX_ENTRIES * CAN_RELAY_ENTRY_SIZE, 0);
@@ -148,10 +163,10 @@ TEST_P(ClassicSetup, RelaySettingsRoundTripThroughUserData) {
     EXPECT_EQ(std::memcmp(&back, &header, sizeof(header)), 0);
     EXPECT_TRUE(std::equal(entries.begin(), entries.end(), back_entries.begin()));
     EXPECT_EQ(back_entries[entries.size()], 0) << "nothing beyond the stored entries";
-    EXPECT_EQ(trace->sends().back().data, bytes({0, 0, 0, 0, 0, 0, 0x2A, 0x3C})) << "10812 bytes are read";
+    EXPECT_REQUEST(trace->sends().back(), request(DEV_READ_USER_DATA).be32(0, "offset").be32(10812, "length"));
 
     // A read-back that differs fails the write.
-    adapter->inject(Fault::ShortPayload, 0x0108);
+    adapter->inject(Fault::ShortPayload, DEV_READ_USER_DATA);
     EXPECT_EQ(CAN_SetRelayData(handle, &header, entries.data()), -4);
     // Too many entries for one user-data write: refused after the erase.
     header.EntryCount = 122;
@@ -181,8 +196,10 @@ TEST_P(FdSetup, ClassicCallsBecomeCanFdCommands) {
     ASSERT_EQ(CAN_Init(handle, 1, &c), 0);
     auto sends = trace->sends();
     ASSERT_EQ(sends.size(), 1u) << "no clock read on CAN FD adapters";
-    EXPECT_EQ(sends[0].command, 0x4000u);
-    EXPECT_EQ(sends[0].data, bytes({1, 1, 0, 1, 1, 0xFF, 59, 20, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_REQUEST(sends[0], request(CANFD_INIT)
+                                 .u8(1, "channel").u8(1, "mode").u8(0, "option 1").u8(1, "option 2")
+                                 .u8(1, "termination").u8(0xFF, "nominal prescaler").u8(59, "nominal seg 1")
+                                 .u8(20, "nominal seg 2").u8(2, "nominal SJW").zeros(12, "data phase unset"));
     EXPECT_EQ(can().channel(1).nominal_bps, 40000000u / (255 * 80));
 
     trace->clear();
@@ -199,17 +216,20 @@ TEST_P(FdSetup, ClassicCallsBecomeCanFdCommands) {
     ASSERT_EQ(CAN_Filter_Init(handle, 1, &f), 0);
     sends = trace->sends();
     ASSERT_EQ(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0x4001u);
-    EXPECT_EQ(sends[0].data, bytes({1, 1, 20, 0, 0, 0x23, 0x01, 0, 0xC0, 0xFF, 0x07, 0, 0x80}));
-    EXPECT_EQ(sends[1].data, bytes({1, 1, 20, 0, 0, 0x23, 0x01, 0, 0xC0, 0xFF, 0xFF, 0xFF, 0xFF}));
+    EXPECT_REQUEST(sends[0], request(CANFD_SET_FILTER)
+                                 .u8(1, "channel").u8(1, "enable").u8(20, "index").zeros(2)
+                                 .le32(0xC0000123, "identifier, IDE and RTR bits").le32(0x800007FF, "mask"));
+    EXPECT_REQUEST(sends[1], request(CANFD_SET_FILTER)
+                                 .u8(1, "channel").u8(1, "enable").u8(20, "index").zeros(2)
+                                 .le32(0xC0000123, "identifier").le32(0xFFFFFFFF, "list mode: every bit"));
 
     trace->clear();
     ASSERT_EQ(CAN_Stop(handle, 1), 0);
     sends = trace->sends();
     ASSERT_EQ(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0x400Cu);
-    EXPECT_EQ(sends[1].command, 0x4003u);
-    adapter->inject(Fault::Oversized, 0x400C);
+    EXPECT_EQ(sends[0].command, uint32_t{CANFD_STOP});
+    EXPECT_EQ(sends[1].command, uint32_t{CANFD_READ});
+    adapter->inject(Fault::Oversized, CANFD_STOP);
     EXPECT_EQ(CAN_Stop(handle, 1), -4);
 }
 

@@ -5,10 +5,13 @@
 #include <climits>
 #include <cstring>
 
-#include "can_test_support.h"
+#include "can_fixture.h"
+#include "wire/can.h"
+#include "wire/canfd.h"
 
 using namespace can_test;
 using namespace polybus_sim;
+using namespace polybus::wire;
 
 namespace {
 class CanTransfer : public CanKindTest {};
@@ -80,7 +83,7 @@ TEST_P(CanTransfer, LargeSendsGoInChunks) {
         ASSERT_EQ(sends.size(), 3u);
         const uint32_t counts[] = {500, 500, 201};
         for (int i = 0; i < 3; ++i) {
-            EXPECT_EQ(sends[i].command, 0xC02u);
+            EXPECT_EQ(sends[i].command, uint32_t{CAN_SEND});
             EXPECT_EQ(sends[i].data[0], 0) << "channel byte";
             EXPECT_EQ(sends[i].length, 1 + 20 * counts[i]);
             EXPECT_EQ(gets[i].timeout_ms, int(1000 + 200 * counts[i]));
@@ -92,7 +95,7 @@ TEST_P(CanTransfer, LargeSendsGoInChunks) {
     } else {
         // CAN FD: requests of 128 frames, each followed by status polls and its events.
         std::vector<uint32_t> per_request;
-        for (auto& s : trace->sends(0x4002)) per_request.push_back(s.data[11]);
+        for (auto& s : trace->sends(CANFD_SEND)) per_request.push_back(s.data[11]);
         EXPECT_EQ(per_request, (std::vector<uint32_t>{128, 128, 128, 128, 128, 128, 128, 128, 128, 49}));
     }
     auto got = take_all(1);
@@ -106,7 +109,7 @@ TEST_P(CanTransfer, LargeSendsGoInChunks) {
             m.TimeStamp = 12345;
         }
         trace->clear();
-        adapter->inject(Fault::WrongEcho, 0xC02);
+        adapter->inject(Fault::WrongEcho, CAN_SEND);
         EXPECT_EQ(CAN_SendMsg(handle, 0, frames.data(), 1201), -4);
         EXPECT_EQ(trace->sends().size(), 1u);
         EXPECT_EQ(frames[499].RemoteFlag, 0x80) << "the first command's frames were stamped";
@@ -375,15 +378,15 @@ TEST_P(CanTransfer, ErrorCountersAndStatusWords) {
         EXPECT_EQ(s.LECode, 5);
     }
     EXPECT_EQ(trace->gets().back().timeout_ms, 1000);
-    adapter->inject(Fault::ShortHeader, fd() ? 0x4005 : 0xC04);
+    adapter->inject(Fault::ShortHeader, fd() ? uint32_t{CANFD_GET_BUS_ERROR} : uint32_t{CAN_GET_STATUS});
     EXPECT_EQ(CAN_GetStatus(handle, 1, &s), -4);
 }
 
 TEST_P(CanTransfer, RelaySwitch) {
     EXPECT_EQ(CAN_SetRelay(handle, 1), 0);
     EXPECT_EQ(can().relay_state(), 1);
-    EXPECT_EQ(trace->sends().back().command, fd() ? 0x4008u : 0xC07u);
-    adapter->inject(Fault::EmptyPayload, fd() ? 0x4008 : 0xC07);
+    EXPECT_EQ(trace->sends().back().command, fd() ? uint32_t{CANFD_SET_RELAY} : uint32_t{CAN_SET_RELAY});
+    adapter->inject(Fault::EmptyPayload, fd() ? uint32_t{CANFD_SET_RELAY} : uint32_t{CAN_SET_RELAY});
     EXPECT_EQ(CAN_SetRelay(handle, 0), -4) << "the state must be echoed";
 }
 
@@ -391,20 +394,20 @@ TEST_P(CanTransfer, BadAnswersAndClosedHandles) {
     open_channels();
     CAN_MSG m = make_frame(0x10, 1, 1);
     if (!fd()) {
-        adapter->inject(Fault::WrongEcho, 0xC02);
+        adapter->inject(Fault::WrongEcho, CAN_SEND);
         EXPECT_EQ(CAN_SendMsg(handle, 0, &m, 1), -4);
-        adapter->inject(Fault::Oversized, 0xC00);
+        adapter->inject(Fault::Oversized, CAN_INIT);
         CAN_INIT_CONFIG c;
         ASSERT_EQ(CAN_GetCANSpeedArg(handle, &c, 1000000), 0);
         EXPECT_EQ(CAN_Init(handle, 0, &c), -4) << "an init answer with payload is a failure";
     } else {
-        adapter->inject(Fault::WrongEcho, 0x400A);
+        adapter->inject(Fault::WrongEcho, CANFD_SEND_STATUS);
         EXPECT_EQ(CAN_SendMsg(handle, 0, &m, 1), -4);
     }
     // A truncated fetch answer yields what fits and keeps the pipe in step.
     CAN_MSG two[2] = {make_frame(0x11, 8, 0), make_frame(0x12, 8, 0)};
     ASSERT_EQ(CAN_SendMsg(handle, 0, two, 2), 2);
-    adapter->inject(Fault::Oversized, fd() ? 0x4003 : 0xC03);
+    adapter->inject(Fault::Oversized, fd() ? uint32_t{CANFD_READ} : uint32_t{CAN_READ});
     std::vector<CAN_MSG> buf(CAN_BUFFER_FRAMES);
     EXPECT_GE(CAN_GetMsg(handle, 1, buf.data()), 2);
     EXPECT_EQ(CAN_GetStatus(handle, 0, nullptr), 0) << "still in step";

@@ -2,10 +2,14 @@
 // per-channel send endpoint, send-status polling and transmit events, diagnostics.
 #include <cstring>
 
-#include "can_test_support.h"
+#include "can_fixture.h"
+#include "expect_request.h"
+#include "wire/canfd.h"
 
 using namespace can_test;
 using namespace polybus_sim;
+using namespace polybus_test;
+using namespace polybus::wire;
 
 namespace {
 class CanFd : public CanKindTest {
@@ -49,10 +53,13 @@ TEST_P(CanFd, LongFramesWithBitRateSwitchCrossTheBus) {
     // One request of 4 packed frames: 12-byte head, then 12 + coded length each.
     auto sends = trace->sends();
     ASSERT_GE(sends.size(), 3u);
-    EXPECT_EQ(sends[0].command, 0x4002u);
     EXPECT_EQ(sends[0].length, 12u + (12 + 64) + (12 + 20) + (12 + 16) + (12 + 8));
-    EXPECT_EQ(std::vector<uint8_t>(sends[0].data.begin(), sends[0].data.begin() + 12),
-              (std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4}));
+    EXPECT_REQUEST(sends[0], request(CANFD_SEND)
+                                 .zeros(10).u8(0, "channel").u8(4, "frames")
+                                 .le32(0x1234567 >> 18 | (0x1234567 & 0x3FFFF) << 11, "word 0: 29-bit layout")
+                                 .le32(15 | 1 << 4 | 1 << 6 | 1 << 7, "word 1: DLC 15, 29-bit, BRS, FD, index 0")
+                                 .le32(0, "word 2: no time stamp")
+                                 .and_more());
     const uint8_t* second = sends[0].data.data() + 12 + 76;
     EXPECT_EQ(second[4] & 0xF, 11) << "20 bytes: coded DLC 11";
     EXPECT_EQ(second[5] >> 1, 1) << "index within the request";
@@ -98,8 +105,8 @@ TEST_P(CanFd, EachChannelSendsThroughItsOwnEndpoint) {
     auto frames = adapter->received();
     int ep2_sends = 0;
     for (auto& f : frames) {
-        if (f.command == 0x4002 || f.command == 0x400A) {
-            EXPECT_EQ(f.endpoint, f.command == 0x4002 ? (f.payload[10] == 1 ? 2 : 1) : (f.payload[0] == 1 ? 2 : 1));
+        if (f.command == CANFD_SEND || f.command == CANFD_SEND_STATUS) {
+            EXPECT_EQ(f.endpoint, f.command == CANFD_SEND ? (f.payload[10] == 1 ? 2 : 1) : (f.payload[0] == 1 ? 2 : 1));
             if (f.endpoint == 2) ++ep2_sends;
         } else {
             EXPECT_EQ(f.endpoint, 1) << std::hex << f.command;  // events and everything else
@@ -112,7 +119,7 @@ TEST_P(CanFd, EachChannelSendsThroughItsOwnEndpoint) {
     EXPECT_EQ(state.TxTotal, 1);
     EXPECT_EQ(state.TxAbort, 0);
     EXPECT_EQ(trace->sends().back().endpoint, 2);
-    adapter->inject(Fault::WrongEcho, 0x400A);
+    adapter->inject(Fault::WrongEcho, CANFD_SEND_STATUS);
     EXPECT_EQ(CANFD_SendMsgStatus(handle, 1, &state), -4);
 }
 
@@ -122,9 +129,9 @@ TEST_P(CanFd, LargeSendsGoInRequestsOf128) {
     for (uint32_t i = 0; i < 300; ++i) out.push_back(fd_frame(i, 64, 0x05, uint8_t(i)));
     ASSERT_EQ(CANFD_SendMsg(handle, 0, out.data(), 300), 300);
     std::vector<int> counts;
-    for (auto& s : trace->sends(0x4002)) counts.push_back(s.data[11]);
+    for (auto& s : trace->sends(CANFD_SEND)) counts.push_back(s.data[11]);
     EXPECT_EQ(counts, (std::vector<int>{128, 128, 44}));
-    EXPECT_EQ(trace->sends(0x4009).size(), 3u) << "one transmit event per request";
+    EXPECT_EQ(trace->sends(CANFD_GET_TX_EVENTS).size(), 3u) << "one transmit event per request";
     for (uint32_t i = 0; i < 300; ++i) ASSERT_EQ(out[i].Flags & 0x80, 0x80) << i;
     auto got = receive(1);
     ASSERT_EQ(got.size(), 300u);
@@ -137,7 +144,7 @@ TEST_P(CanFd, SurplusTransmitEventsStayOutOfTheCallersArray) {
     open_fd();
     CANFD_MSG two[2] = {fd_frame(0x10, 8, 0, 0), fd_frame(0x11, 8, 0, 0)};
     std::memset(&two[1], 0x5A, sizeof(two[1]));
-    adapter->inject(Fault::Oversized, 0x4009);
+    adapter->inject(Fault::Oversized, CANFD_GET_TX_EVENTS);
     EXPECT_EQ(CANFD_SendMsg(handle, 0, two, 1), 1);
     EXPECT_EQ(two[0].Flags, 0x80);
     EXPECT_EQ(two[1].ID, 0x5A5A5A5Au);
@@ -153,7 +160,7 @@ TEST_P(CanFd, AnUnacknowledgedRequestIsAbortedAndSendingStops) {
     trace->clear();
     std::vector<CANFD_MSG> out(200, fd_frame(0x55, 8, 0, 0));
     EXPECT_EQ(CANFD_SendMsg(handle, 0, out.data(), 200), 0);
-    EXPECT_EQ(trace->sends(0x4002).size(), 1u) << "the abort ends the whole send";
+    EXPECT_EQ(trace->sends(CANFD_SEND).size(), 1u) << "the abort ends the whole send";
     EXPECT_EQ(out[0].Flags, 0) << "untransmitted frames are not stamped";
     CANFD_BUS_ERROR e{};
     ASSERT_EQ(CANFD_GetBusError(handle, 0, &e), 0);
@@ -173,7 +180,7 @@ TEST_P(CanFd, LongerRequestsArePolledWithPauses) {
         ASSERT_EQ(CANFD_SendMsg(handle, 0, out.data(), k), int(k));
         const auto ms =
             std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-        const int polls = int(trace->sends(0x400A).size());
+        const int polls = int(trace->sends(CANFD_SEND_STATUS).size());
         const int pause = k >= 50 ? 5 : 2;
         EXPECT_GE(polls, 2) << k;
         EXPECT_LE(polls, ms / pause + 1) << k << " frames in " << ms << " ms";
@@ -190,8 +197,8 @@ TEST_P(CanFd, ARequestThatNeverFinishesCountsNothing) {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(CANFD_SendMsg(handle, 0, &m, 1), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1100));
-    EXPECT_GT(trace->sends(0x400A).size(), 10u) << "a request under 20 frames is polled back to back";
-    EXPECT_TRUE(trace->sends(0x4009).empty());
+    EXPECT_GT(trace->sends(CANFD_SEND_STATUS).size(), 10u) << "a request under 20 frames is polled back to back";
+    EXPECT_TRUE(trace->sends(CANFD_GET_TX_EVENTS).empty());
     can().bus(0)->set_time_scale(1.0);
 }
 
@@ -207,9 +214,9 @@ TEST_P(CanFd, DiagnosticsAndErrorCounters) {
     EXPECT_EQ(d.Data[7], 8);
     // The counters themselves: CanTransfer.ErrorCountersAndStatusWords, through CAN_GetStatus.
     CANFD_BUS_ERROR e{};
-    adapter->inject(Fault::ShortPayload, 0x4004);
+    adapter->inject(Fault::ShortPayload, CANFD_GET_DIAGNOSTIC);
     EXPECT_EQ(CANFD_GetDiagnostic(handle, 1, &d), -4);
-    adapter->inject(Fault::WrongEcho, 0x4005);
+    adapter->inject(Fault::WrongEcho, CANFD_GET_BUS_ERROR);
     EXPECT_EQ(CANFD_GetBusError(handle, 1, &e), -4);
 }
 
@@ -224,7 +231,7 @@ TEST_P(CanFd, DirectReadsOfLongFrames) {
     EXPECT_EQ(got[0].DLC, 64);
     EXPECT_EQ(got[0].TimeStamp, 1234u);
     EXPECT_EQ(got[0].Data[63], uint8_t(9 + 63));
-    adapter->inject(Fault::WrongEcho, 0x4003);
+    adapter->inject(Fault::WrongEcho, CANFD_READ);
     EXPECT_EQ(CANFD_ReadMsg(handle, 1, got.data()), -4);
     EXPECT_EQ(CANFD_SetFilter(handle, 1, nullptr, 1), -4);
 }

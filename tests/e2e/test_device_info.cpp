@@ -3,11 +3,14 @@
 #include <cstring>
 
 #include "device_model.h"
+#include "expect_request.h"
 #include "sim_fixture.h"
 #include "device/device_info.h"
+#include "wire/device.h"
 
 using namespace polybus_sim;
 using namespace polybus_test;
+using namespace polybus::wire;
 
 namespace {
 class DeviceInfo : public SimTest {
@@ -34,15 +37,15 @@ TEST_F(DeviceInfo, ReportsWhatTheAdapterSays) {
     EXPECT_STREQ(functions, adapter->config().function_string.c_str());
     auto sends = trace->sends();
     ASSERT_EQ(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0x0100u);
+    EXPECT_REQUEST(sends[0], request(DEV_GET_INFO));
     EXPECT_EQ(sends[0].timeout_ms, 100);
-    EXPECT_EQ(sends[1].command, 0x0106u);
+    EXPECT_REQUEST(sends[1], request(DEV_GET_FUNCTIONS));
     EXPECT_EQ(sends[1].timeout_ms, 1000);
     EXPECT_EQ(trace->gets()[0].timeout_ms, 100);
     EXPECT_EQ(trace->gets()[1].timeout_ms, 100);
 
     // A missing function-string reply leaves an empty string, not garbage.
-    adapter->inject(Fault::NoAnswer, 0x0106);
+    adapter->inject(Fault::NoAnswer, DEV_GET_FUNCTIONS);
     ASSERT_TRUE(DEV_GetDeviceInfo(handle, &info, functions));
     EXPECT_STREQ(functions, "");
     // An over-long one is cut to the documented room.
@@ -56,6 +59,31 @@ TEST_F(DeviceInfo, ReportsWhatTheAdapterSays) {
     EXPECT_STREQ(reinterpret_cast<char*>(hw + 8), "Polybus SIM-1 rev A");
 }
 
+// A short answer (the header announces more than comes) still yields what came.
+TEST_F(DeviceInfo, ShortAnswersCopyWhatArrived) {
+    DEVICE_INFO full;
+    ASSERT_TRUE(DEV_GetDeviceInfo(handle, &full, nullptr));
+
+    DEVICE_INFO info;
+    memset(&info, 0xAB, sizeof(info));
+    adapter->inject(Fault::ShortPayload, polybus::wire::DEV_GET_INFO);  // 44 of 88 bytes come
+    ASSERT_TRUE(DEV_GetDeviceInfo(handle, &info, nullptr));
+    const auto* got = reinterpret_cast<const uint8_t*>(&info);
+    EXPECT_EQ(0, memcmp(got, &full, 44)) << "the bytes that arrived are copied";
+    for (size_t i = 44; i < sizeof(info); ++i) ASSERT_EQ(got[i], 0) << "byte " << i << " never arrived";
+    EXPECT_EQ(info.FirmwareVersion, 0u);
+
+    const std::string text = adapter->config().function_string;
+    const size_t half = text.size() / 2;
+    char functions[POLYBUS_FUNCTION_STRING_SIZE];
+    memset(functions, 'x', sizeof(functions));
+    adapter->inject(Fault::ShortPayload, polybus::wire::DEV_GET_FUNCTIONS);
+    ASSERT_TRUE(DEV_GetDeviceInfo(handle, &info, functions));
+    EXPECT_EQ(std::string(functions), text.substr(0, half));
+    for (size_t i = half; i <= text.size(); ++i) ASSERT_EQ(functions[i], 0) << "byte " << i;
+    EXPECT_EQ(functions[text.size() + 1], 'x') << "nothing is written past the announced end";
+}
+
 TEST_F(DeviceInfo, PowerAndTimestamp) {
     EXPECT_TRUE(DEV_SetPowerLevel(handle, 3));
     EXPECT_EQ(storage().power_level(), 3);
@@ -65,7 +93,7 @@ TEST_F(DeviceInfo, PowerAndTimestamp) {
     uint64_t us = 0;
     memcpy(&us, stamp, 8);
     EXPECT_GT(us, 0u);
-    adapter->inject(Fault::NoAnswer, 0x0011);
+    adapter->inject(Fault::NoAnswer, DEV_GET_TIMESTAMP);
     EXPECT_FALSE(DEV_GetTimestamp(handle, 0, stamp));
 }
 
@@ -98,10 +126,9 @@ TEST_F(DeviceInfo, ScheduleDataMovesInChunksThatAllCarryTheCallersAddress) {
     ASSERT_EQ(sends.size(), 3u);
     const uint32_t sizes[] = {10240, 10240, 4520};
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(sends[i].command, 0x010Au);
-        EXPECT_EQ(sends[i].length, 4 + sizes[i]);
-        EXPECT_EQ(std::vector<uint8_t>(sends[i].data.begin(), sends[i].data.begin() + 4),
-                  (std::vector<uint8_t>{0, 0, 1, 0}));
+        EXPECT_REQUEST(sends[i], request(DEV_WRITE_SCH_DATA)
+                                     .be32(0x100, "the caller's address")
+                                     .bytes(data.data() + 10240 * i, sizes[i], "chunk"));
     }
     auto stored = storage().schedule_data();
     EXPECT_TRUE(std::equal(data.begin(), data.end(), stored.begin() + 0x100));
@@ -112,7 +139,8 @@ TEST_F(DeviceInfo, ScheduleDataMovesInChunksThatAllCarryTheCallersAddress) {
     sends = trace->sends();
     ASSERT_EQ(sends.size(), 3u);
     // The last chunk asks for 10240 % 25000 = 10240 bytes: only 4520 of them are kept.
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(sends[i].data[7] | sends[i].data[6] << 8, 10240);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_REQUEST(sends[i], request(DEV_READ_SCH_DATA).be32(0x100, "address").be32(10240, "chunk size"));
     EXPECT_TRUE(std::equal(data.begin(), data.end(), back.begin()));
     for (size_t i = 25000; i < back.size(); ++i) ASSERT_EQ(back[i], 0xEE);
 
@@ -120,7 +148,7 @@ TEST_F(DeviceInfo, ScheduleDataMovesInChunksThatAllCarryTheCallersAddress) {
     trace->clear();
     ASSERT_TRUE(DEV_ReadSchData(handle, 0x100, back.data(), 1000));
     ASSERT_EQ(trace->sends().size(), 1u);
-    EXPECT_EQ(trace->sends()[0].data[7] | trace->sends()[0].data[6] << 8, 240);
+    EXPECT_REQUEST(trace->sends()[0], request(DEV_READ_SCH_DATA).be32(0x100, "address").be32(240, "chunk size"));
 
     EXPECT_TRUE(DEV_WriteSchData(handle, 0, data.data(), 0));
     ASSERT_TRUE(DEV_EraseSchData(handle, 0));
@@ -129,7 +157,7 @@ TEST_F(DeviceInfo, ScheduleDataMovesInChunksThatAllCarryTheCallersAddress) {
 
     // A chunk answered with a payload stops the transfer.
     trace->clear();
-    adapter->inject(Fault::Oversized, 0x010A);
+    adapter->inject(Fault::Oversized, DEV_WRITE_SCH_DATA);
     EXPECT_FALSE(DEV_WriteSchData(handle, 0, data.data(), 25000));
     EXPECT_EQ(trace->sends().size(), 1u);
 }
@@ -139,9 +167,7 @@ TEST_F(DeviceInfo, RawConfigurationAreaTransfers) {
     uint8_t twelve[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
     ASSERT_EQ(ARG_Write(handle, 16, twelve, 12), 0);
     auto sends = trace->sends();
-    ASSERT_EQ(sends.back().command, 0x5001u);
-    EXPECT_EQ(sends.back().data[0], 0x00);
-    EXPECT_EQ(sends.back().data[1], 0x10);
+    EXPECT_REQUEST(sends.back(), request(ARG_WRITE).be16(16, "address").bytes(twelve, 12, "data"));
     EXPECT_EQ(trace->gets().back().timeout_ms, 1003);
     uint8_t back[12] = {0};
     ASSERT_EQ(ARG_Read(handle, 16, back, 12), 0);
@@ -154,9 +180,9 @@ TEST_F(DeviceInfo, RawConfigurationAreaTransfers) {
     ASSERT_EQ(ARG_Write(handle, 0x0010, big.data(), static_cast<uint16_t>(big.size())), 0);
     sends = trace->sends();
     ASSERT_EQ(sends.size(), 3u);
-    EXPECT_EQ(sends[0].data[0] << 8 | sends[0].data[1], 0x0010);
-    EXPECT_EQ(sends[1].data[0] << 8 | sends[1].data[1], 0x1410);  // 0x10 + 5120
-    EXPECT_EQ(sends[2].data[0] << 8 | sends[2].data[1], 0x3C10);  // + 10240 more
+    EXPECT_REQUEST(sends[0], request(ARG_WRITE).be16(0x0010, "address").and_more());
+    EXPECT_REQUEST(sends[1], request(ARG_WRITE).be16(0x1410, "address: 0x10 + 5120").and_more());
+    EXPECT_REQUEST(sends[2], request(ARG_WRITE).be16(0x3C10, "address: + 10240 more").and_more());
 
     storage().force_config_status(1);
     EXPECT_EQ(ARG_Init(handle), -5);
@@ -166,10 +192,10 @@ TEST_F(DeviceInfo, RawConfigurationAreaTransfers) {
     EXPECT_EQ(ARG_Write(handle, 16, twelve, 12), -6);
     storage().force_config_status(2);
     EXPECT_EQ(ARG_Read(handle, 16, back, 12), -7);
-    adapter->inject(Fault::EmptyPayload, 0x5002);
+    adapter->inject(Fault::EmptyPayload, ARG_READ);
     EXPECT_EQ(ARG_Read(handle, 16, back, 12), -4);
     // A status byte that is announced but never comes is no status.
-    adapter->inject(Fault::ShortPayload, 0x5000);
+    adapter->inject(Fault::ShortPayload, ARG_INIT);
     EXPECT_EQ(ARG_Init(handle), -4);
     EXPECT_EQ(ARG_Init(handle), 0);
 }

@@ -1,16 +1,20 @@
 // Discovery, handles, opening, resetting and reconnecting, and how every exchange
 // copes with an adapter that misbehaves, through the simulated adapter.
 #include <chrono>
+#include <stdexcept>
 
 #include "device_model.h"
 #include "gpio_model.h"
 #include "sim_fixture.h"
+#include "wire/gpio.h"
 #include "transport/lock.h"
 #include "transport/usb_device.h"
 #include "transport/usb_message.h"
+#include "wire/device.h"
 
 using namespace polybus_sim;
 using namespace polybus_test;
+using namespace polybus::wire;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -115,10 +119,64 @@ TEST_F(Discovery, ResetReconnectsOnlyAtTheSameAddress) {
     USB_CloseDevice(0x41000001);
 }
 
+// A reconnected adapter is a new USB device: closing and opening it again must work
+// without a scan, and so must opening it while it is still open.
+TEST_F(Discovery, ReconnectedAdapterReopensWithoutAScan) {
+    auto a = add(0x41000001);
+    ASSERT_EQ(scan().size(), 1u);
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    ASSERT_TRUE(USB_ResetDevice(0x41000001));
+    ASSERT_TRUE(USB_RetryConnect(0x41000001));
+    ASSERT_TRUE(USB_OpenDevice(0x41000001)) << "reopening the reconnected, open adapter";
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+    ASSERT_TRUE(USB_CloseDevice(0x41000001));
+    ASSERT_TRUE(USB_OpenDevice(0x41000001)) << "reopening after a close";
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+
+    // The same after the reset that device information makes on its own.
+    a->inject(Fault::NoAnswer, DEV_GET_INFO, 1);
+    ASSERT_TRUE(DEV_GetDeviceInfo(0x41000001, nullptr, nullptr));
+    ASSERT_TRUE(USB_CloseDevice(0x41000001));
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
+    USB_CloseDevice(0x41000001);
+}
+
+// The identifier read and the reset are vendor control requests, and the trace shows them.
+TEST_F(Discovery, VendorRequestsAppearInTheTrace) {
+    add(0x41000001);
+    TraceLog trace;
+    ASSERT_EQ(scan().size(), 1u);
+    auto controls = trace.controls();
+    ASSERT_GE(controls.size(), 1u);
+    EXPECT_EQ(controls[0].dev_handle, 0) << "the adapter has no handle while it is recognised";
+    EXPECT_EQ(controls[0].request_type, 0xC1);
+    EXPECT_EQ(controls[0].command, uint32_t{VENDOR_READ_IDENTIFIER});
+    EXPECT_EQ(controls[0].result, 4);
+    EXPECT_EQ(controls[0].data, (std::vector<uint8_t>{0x01, 0x00, 0x00, 0x41}));
+    EXPECT_EQ(controls[0].timeout_ms, 100);
+    EXPECT_TRUE(trace.sends().empty()) << "control requests are not command frames";
+
+    ASSERT_TRUE(USB_OpenDevice(0x41000001));
+    trace.clear();
+    ASSERT_TRUE(USB_ResetDevice(0x41000001));
+    controls = trace.controls();
+    ASSERT_EQ(controls.size(), 1u);
+    EXPECT_EQ(controls[0].dev_handle, 0x41000001);
+    EXPECT_EQ(controls[0].request_type, 0x41);
+    EXPECT_EQ(controls[0].command, uint32_t{VENDOR_RESET});
+    EXPECT_EQ(controls[0].value, 0);
+    EXPECT_EQ(controls[0].length, 0u);
+    EXPECT_EQ(controls[0].result, 0);
+    EXPECT_TRUE(controls[0].data.empty());
+    ASSERT_TRUE(USB_RetryConnect(0x41000001));
+    USB_CloseDevice(0x41000001);
+}
+
 TEST_F(Discovery, SilentAdapterFailsToOpenAfterSixSeconds) {
     auto a = add(0x41000001);
     ASSERT_EQ(scan().size(), 1u);
-    a->inject(Fault::NoAnswer, 0x0100, 1000);
+    a->inject(Fault::NoAnswer, DEV_GET_INFO, 1000);
     const auto start = Clock::now();
     EXPECT_FALSE(USB_OpenDevice(0x41000001));
     const auto took = Clock::now() - start;
@@ -131,12 +189,28 @@ TEST_F(Discovery, DeviceInformationRecoversFromOneLostAnswer) {
     ASSERT_EQ(scan().size(), 1u);
     ASSERT_TRUE(USB_OpenDevice(0x41000001));
     // One lost answer: the library resets the adapter, reconnects and asks again.
-    a->inject(Fault::NoAnswer, 0x0100, 1);
+    a->inject(Fault::NoAnswer, DEV_GET_INFO, 1);
     DEVICE_INFO info{};
     EXPECT_TRUE(DEV_GetDeviceInfo(0x41000001, &info, nullptr));
     EXPECT_EQ(info.FirmwareVersion, a->config().firmware_version);
     EXPECT_EQ(GPIO_Write(0x41000001, 1, 1), 0);
     USB_CloseDevice(0x41000001);
+}
+
+// A command code has one owner in the simulator: a second registration is refused at
+// once, naming the code, instead of silently replacing the first handler.
+TEST(SimulatedAdapter, RegisteringACommandCodeTwiceIsRefused) {
+    auto a = std::make_shared<Adapter>(AdapterConfig{});
+    a->on(0x7777, [](const Frame&) {});
+    try {
+        a->on(0x7777, [](const Frame&) {});
+        FAIL() << "the second registration was accepted";
+    } catch (const std::logic_error& e) {
+        EXPECT_NE(std::string(e.what()).find("0x7777"), std::string::npos) << e.what();
+    }
+    // A model whose codes are already served cannot be built on the adapter either.
+    install_models(*a);
+    EXPECT_THROW(GpioModel extra(*a), std::logic_error);
 }
 
 // --- faults on an open adapter -------------------------------------------------------
@@ -151,7 +225,7 @@ TEST_F(Faults, EveryBadAnswerIsAStatusAndThePipeStaysInStep) {
     } cases[] = {{Fault::ShortPayload, "short payload"}, {Fault::Oversized, "oversized"},
                  {Fault::ShortHeader, "short header"},   {Fault::EmptyPayload, "empty payload"}};
     for (const auto& c : cases) {
-        adapter->inject(c.fault, 0x0604);
+        adapter->inject(c.fault, GPIO_READ);
         EXPECT_EQ(GPIO_Read(handle, 0xFF, &value), -4) << c.name;
         EXPECT_EQ(value, 0xCAFEu) << c.name << ": the caller's value must stay untouched";
         // The next exchange must see its own answer, not leftovers.
@@ -169,7 +243,7 @@ TEST_F(Faults, OversizedAnswerNeverOverrunsTheCallersBuffer) {
     unsigned char info[64 + 16];
     memset(info, 0xAB, sizeof(info));
     for (Fault f : {Fault::Oversized, Fault::WrongEcho}) {
-        adapter->inject(f, 0x010D);
+        adapter->inject(f, DEV_GET_HARDWARE_INFO);
         EXPECT_FALSE(DEV_GetHardwareInfo(handle, info));
         for (size_t i = 64; i < sizeof(info); ++i) ASSERT_EQ(info[i], 0xAB) << "byte " << i;
         EXPECT_TRUE(DEV_GetHardwareInfo(handle, info));
@@ -178,7 +252,7 @@ TEST_F(Faults, OversizedAnswerNeverOverrunsTheCallersBuffer) {
 }
 
 TEST_F(Faults, MissingAnswerTimesOutWithTheFamilyTimeout) {
-    adapter->inject(Fault::NoAnswer, 0x0603);
+    adapter->inject(Fault::NoAnswer, GPIO_WRITE);
     const auto start = Clock::now();
     EXPECT_EQ(GPIO_Write(handle, 1, 1), -4);
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(950));
@@ -190,7 +264,7 @@ TEST_F(Faults, MissingAnswerTimesOutWithTheFamilyTimeout) {
 }
 
 TEST_F(Faults, UnplugBeforeOrDuringAnAnswer) {
-    adapter->inject(Fault::UnplugDuring, 0x0604);
+    adapter->inject(Fault::UnplugDuring, GPIO_READ);
     unsigned v = 0;
     EXPECT_EQ(GPIO_Read(handle, 1, &v), -4);
     EXPECT_EQ(GPIO_Read(handle, 1, &v), -2) << "a vanished adapter cannot be written to";
@@ -199,7 +273,7 @@ TEST_F(Faults, UnplugBeforeOrDuringAnAnswer) {
     EXPECT_TRUE(USB_RetryConnect(handle));
     EXPECT_EQ(GPIO_Read(handle, 1, &v), 0);
 
-    adapter->inject(Fault::UnplugBefore, 0x0603);
+    adapter->inject(Fault::UnplugBefore, GPIO_WRITE);
     EXPECT_EQ(GPIO_Write(handle, 1, 1), -4);
     EXPECT_EQ(GPIO_Write(handle, 1, 1), -2);
     EXPECT_TRUE(scan().empty()) << "the sweep drops the vanished adapter";
@@ -220,7 +294,7 @@ TEST_F(Transport, FramesReachTheAdapterWithZeroLengthPacketsOnlyWhenNeeded) {
     EXPECT_EQ(adapter->zero_length_packets(), before + 1);
     auto frames = adapter->received();
     ASSERT_EQ(frames.size(), 2u);
-    EXPECT_EQ(frames[0].command, 0x0107u);
+    EXPECT_EQ(frames[0].command, uint32_t{DEV_WRITE_USER_DATA});
     EXPECT_EQ(frames[0].payload.size(), 504u);
     EXPECT_EQ(frames[1].payload.size(), 500u);
 }

@@ -1,11 +1,14 @@
 // GPIO end to end: pin modes, levels, pulse trains and the answers the family rejects.
 #include <chrono>
 
+#include "expect_request.h"
 #include "gpio_model.h"
 #include "sim_fixture.h"
+#include "wire/gpio.h"
 
 using namespace polybus_sim;
 using namespace polybus_test;
+using namespace polybus::wire;
 
 namespace {
 class Gpio : public SimTest {
@@ -37,8 +40,8 @@ TEST_F(Gpio, ModesDecideWhatAPinReads) {
 
     auto frames = adapter->received();
     ASSERT_GE(frames.size(), 5u);
-    EXPECT_EQ(frames[0].payload, (std::vector<uint8_t>{0, 0, 0, 0x0F, 0}));
-    EXPECT_EQ(frames[3].payload, (std::vector<uint8_t>{0, 0, 0x03, 0x0F, 0, 0, 0x03, 0x05}));
+    EXPECT_REQUEST(frames[0], request(GPIO_SET_OUTPUT).be32(0x0F, "mask").u8(0, "mode"));
+    EXPECT_REQUEST(frames[3], request(GPIO_WRITE).be32(0x30F, "mask").be32(0x305, "levels"));
 
     // A mask of 0 still goes to the adapter.
     adapter->clear_received();
@@ -53,8 +56,8 @@ TEST_F(Gpio, PulseTrainsWaitForTheWholeTrain) {
     auto sends = trace->sends();
     auto gets = trace->gets();
     ASSERT_EQ(sends.size(), 2u);
-    EXPECT_EQ(sends[0].command, 0x0806u);
-    EXPECT_EQ(sends[0].data, (std::vector<uint8_t>{0, 0, 0, 1, 0, 0, 0, 100, 0, 0, 0, 101, 0, 0, 0, 10}));
+    EXPECT_REQUEST(sends[0], request(GPIO_SEND_PULSES)
+                                 .be32(0x1, "mask").be32(100, "width us").be32(101, "period us").be32(10, "count"));
     EXPECT_EQ(gets[0].timeout_ms, 1001);
     EXPECT_EQ(gets[1].timeout_ms, 61000);
     // The wait is computed in 32 bits: 0x10000000 us x 0x100 pulses wraps to 0 ms, + 1000.
@@ -73,13 +76,13 @@ TEST_F(Gpio, PulseTrainsWaitForTheWholeTrain) {
 
 TEST_F(Gpio, RejectedAnswers) {
     unsigned v = 0x1234;
-    adapter->inject(Fault::EmptyPayload, 0x0604);
+    adapter->inject(Fault::EmptyPayload, GPIO_READ);
     EXPECT_EQ(GPIO_Read(handle, 1, &v), -4);
     EXPECT_EQ(v, 0x1234u);
     // Acknowledgements must be empty.
-    adapter->inject(Fault::Oversized, 0x0601);
+    adapter->inject(Fault::Oversized, GPIO_SET_OUTPUT);
     EXPECT_EQ(GPIO_SetOutput(handle, 1, 0), -4);
-    adapter->inject(Fault::Oversized, 0x0806);
+    adapter->inject(Fault::Oversized, GPIO_SEND_PULSES);
     pins().set_time_scale(0);
     EXPECT_EQ(GPIO_SendPulses(handle, 1, 1, 2, 1), -4);
     EXPECT_EQ(GPIO_Read(handle, 1, nullptr), 0) << "a null output is tolerated";

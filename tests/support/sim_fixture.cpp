@@ -7,7 +7,8 @@ TraceLog::~TraceLog() { USB_SetTraceCallback(nullptr, nullptr); }
 
 void TraceLog::on_event(const POLYBUS_TRACE_EVENT* ev, void* user) {
     auto* self = static_cast<TraceLog*>(user);
-    TraceEntry e{ev->Kind, ev->Endpoint, ev->Command, ev->Length, {}, ev->TimeOutMs, ev->Result};
+    TraceEntry e{ev->Kind, ev->Endpoint, ev->Command, ev->Length, {}, ev->TimeOutMs, ev->Result, ev->RequestType,
+                 ev->Value, ev->Index, ev->DevHandle};
     if (ev->Data != nullptr && ev->DataLen > 0) e.data.assign(ev->Data, ev->Data + ev->DataLen);
     std::lock_guard<std::mutex> g(self->mutex_);
     self->entries_.push_back(std::move(e));
@@ -21,7 +22,7 @@ std::vector<TraceEntry> TraceLog::entries() {
 std::vector<TraceEntry> TraceLog::sends() {
     std::vector<TraceEntry> out;
     for (auto& e : entries())
-        if (e.kind != POLYBUS_TRACE_GET) out.push_back(e);
+        if (e.kind == POLYBUS_TRACE_SEND || e.kind == POLYBUS_TRACE_SEND_INT) out.push_back(e);
     return out;
 }
 
@@ -36,6 +37,13 @@ std::vector<TraceEntry> TraceLog::gets() {
     std::vector<TraceEntry> out;
     for (auto& e : entries())
         if (e.kind == POLYBUS_TRACE_GET) out.push_back(e);
+    return out;
+}
+
+std::vector<TraceEntry> TraceLog::controls() {
+    std::vector<TraceEntry> out;
+    for (auto& e : entries())
+        if (e.kind == POLYBUS_TRACE_CONTROL) out.push_back(e);
     return out;
 }
 

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "adapter.h"
@@ -21,6 +23,10 @@ struct TraceEntry {
     std::vector<uint8_t> data;
     int timeout_ms;
     int result;
+    int request_type;  // control requests only
+    int value;
+    int index;
+    int dev_handle;
 };
 
 // Collects the library's transport trace while it is alive.
@@ -34,6 +40,8 @@ public:
     // Requests with this command only.
     std::vector<TraceEntry> sends(uint32_t command);
     std::vector<TraceEntry> gets();
+    // Vendor control requests on endpoint 0.
+    std::vector<TraceEntry> controls();
     void clear();
 
 private:
@@ -61,5 +69,17 @@ protected:
 
 // Scans and returns the handles found.
 std::vector<int> scan();
+
+// Polls `done` every 2 ms for up to `limit`: for what the simulated adapter does in
+// its own time (bus traffic, reader threads).
+template <typename F>
+bool eventually(F done, std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
 
 }  // namespace polybus_test

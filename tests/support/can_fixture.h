@@ -1,5 +1,5 @@
-// Shared by the CAN end-to-end tests: a fixture parameterised by the adapter kind, and
-// frame helpers.
+// The CAN families' end-to-end fixture: one adapter of the kind given by the test
+// parameter (classic, multi-protocol, CAN FD), and frame helpers.
 #pragma once
 
 #include <chrono>
@@ -96,15 +96,6 @@ protected:
     }
 };
 
-// Polls `done` every 2 ms for up to `limit`.
-template <typename F>
-bool eventually(F done, std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > until) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+using polybus_test::eventually;
 
 }  // namespace can_test
