@@ -9,16 +9,8 @@
 // parse; nothing parsable reads 0), done here without allocating per token.
 #include "database/dbc_decoder.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "util/text_scan.h"
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
-#include <cerrno>
-#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -28,161 +20,15 @@
 namespace {
 
 using Tokens = std::vector<std::string_view>;
+using polybus::text::append_unquoted;
+using polybus::text::for_each_piece;
+using polybus::text::is_c_space;
+using polybus::text::split_any;
+using polybus::text::to_double;
+using polybus::text::to_signed;
+using polybus::text::to_unsigned;
 
 constexpr size_t kLineMax = 8191;  // characters a line buffer of 8192 bytes holds
-
-bool is_c_space(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
-int digit_value(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return 99;
-}
-
-// Magnitude and sign as strtoull / strtoll see them. Base 0 detects a 0x prefix.
-struct IntText {
-    uint64_t magnitude = 0;
-    bool negative = false;
-    bool overflow = false;
-};
-
-IntText scan_integer(std::string_view s, int base) {
-    IntText r;
-    size_t i = 0;
-    while (i < s.size() && is_c_space(s[i])) ++i;
-    if (i < s.size() && (s[i] == '+' || s[i] == '-')) r.negative = s[i++] == '-';
-    int radix = 10;
-    if (base == 0 && i + 2 < s.size() && s[i] == '0' && (s[i + 1] == 'x' || s[i + 1] == 'X') &&
-        digit_value(s[i + 2]) < 16) {
-        radix = 16;
-        i += 2;
-    }
-    for (; i < s.size(); ++i) {
-        int d = digit_value(s[i]);
-        if (d >= radix) break;
-        if (r.magnitude > (UINT64_MAX - static_cast<uint64_t>(d)) / static_cast<uint64_t>(radix))
-            r.overflow = true;
-        else
-            r.magnitude = r.magnitude * static_cast<uint64_t>(radix) + static_cast<uint64_t>(d);
-    }
-    return r;
-}
-
-// strtoull: a negative number wraps, overflow saturates.
-uint64_t parse_unsigned(std::string_view s, int base = 10) {
-    IntText t = scan_integer(s, base);
-    if (t.overflow) return UINT64_MAX;
-    return t.negative ? 0 - t.magnitude : t.magnitude;
-}
-
-// strtoll: saturates at both ends.
-int64_t parse_signed(std::string_view s, int base = 10) {
-    IntText t = scan_integer(s, base);
-    if (t.negative) {
-        if (t.overflow || t.magnitude > static_cast<uint64_t>(INT64_MAX) + 1) return INT64_MIN;
-        return static_cast<int64_t>(0 - t.magnitude);
-    }
-    if (t.overflow || t.magnitude > static_cast<uint64_t>(INT64_MAX)) return INT64_MAX;
-    return static_cast<int64_t>(t.magnitude);
-}
-
-double parse_double_slow(std::string_view s) {
-    std::string copy(s);
-    return std::strtod(copy.c_str(), nullptr);
-}
-
-// strtod. Decimal text goes through from_chars (locale-independent and exact);
-// hexadecimal floats and out-of-range values take the C library path.
-double parse_double(std::string_view s) {
-    size_t i = 0;
-    while (i < s.size() && is_c_space(s[i])) ++i;
-    bool negative = false;
-    if (i < s.size() && (s[i] == '+' || s[i] == '-')) negative = s[i++] == '-';
-    if (i >= s.size()) return 0;
-    if (s[i] == '0' && i + 1 < s.size() && (s[i + 1] == 'x' || s[i + 1] == 'X'))
-        return parse_double_slow(s);
-    if (s[i] == '+' || s[i] == '-') return 0;
-    double v = 0;
-    auto res = std::from_chars(s.data() + i, s.data() + s.size(), v, std::chars_format::general);
-    if (res.ec == std::errc::invalid_argument) return 0;
-    if (res.ec != std::errc()) return parse_double_slow(s);
-    return negative ? -v : v;
-}
-
-// Text handed to the line scanner is followed by at least kPad readable bytes, so
-// that the scanner may look at 16 bytes at a time past a line's end.
-constexpr size_t kPad = 16;
-
-#if defined(__SSE2__)
-const char* find_space(const char* p, const char* end) {
-    const __m128i sp = _mm_set1_epi8(' ');
-    for (; p < end; p += 16) {
-        unsigned m = static_cast<unsigned>(
-            _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), sp)));
-        if (m != 0) {
-            const char* q = p + __builtin_ctz(m);
-            return q < end ? q : end;
-        }
-    }
-    return end;
-}
-#else
-const char* find_space(const char* p, const char* end) {
-    while (p < end && *p != ' ') ++p;
-    return p;
-}
-#endif
-
-#if defined(__SSE2__)
-const char* find_byte(const char* p, const char* end, char c) {
-    const __m128i want = _mm_set1_epi8(c);
-    for (; p < end; p += 16) {
-        unsigned m = static_cast<unsigned>(
-            _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), want)));
-        if (m != 0) {
-            const char* q = p + __builtin_ctz(m);
-            return q < end ? q : end;
-        }
-    }
-    return end;
-}
-#else
-const char* find_byte(const char* p, const char* end, char c) {
-    const void* q = std::memchr(p, c, static_cast<size_t>(end - p));
-    return q ? static_cast<const char*>(q) : end;
-}
-#endif
-
-// Splits at single spaces, dropping empty pieces.
-void tokenize(std::string_view line, Tokens& out) {
-    out.clear();
-    const char* p = line.data();
-    const char* end = p + line.size();
-    for (;;) {
-        while (p < end && *p == ' ') ++p;
-        if (p >= end) break;
-        const char* start = p;
-        p = find_space(p, end);
-        out.emplace_back(start, static_cast<size_t>(p - start));
-    }
-}
-
-// Appends `piece` without its double quotes.
-void append_unquoted(std::string& out, std::string_view piece) {
-    size_t start = 0;
-    for (;;) {
-        const size_t quote = piece.find('"', start);
-        if (quote == std::string_view::npos) {
-            out.append(piece.data() + start, piece.size() - start);
-            return;
-        }
-        out.append(piece.data() + start, quote - start);
-        start = quote + 1;
-    }
-}
 
 std::string unquoted(std::string_view piece) {
     std::string out;
@@ -199,37 +45,6 @@ std::string join_unquoted(const Tokens& tok, size_t from) {
         append_unquoted(out, tok[i]);
     }
     return out;
-}
-
-// The `split(text, character)` rule: pieces between separators, empty ones kept,
-// except that a separator at the very end opens no further piece.
-template <class Fn>
-void for_each_piece(std::string_view text, char sep, Fn fn) {
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t at = text.find(sep, start);
-        if (at == std::string_view::npos) {
-            fn(text.substr(start));
-            return;
-        }
-        fn(text.substr(start, at - start));
-        start = at + 1;
-    }
-}
-
-// Pieces of a token split at any of the characters in `seps`, empty pieces dropped.
-size_t split_any(std::string_view text, std::string_view seps, std::string_view* out, size_t max) {
-    size_t n = 0;
-    size_t i = 0;
-    while (i < text.size()) {
-        while (i < text.size() && seps.find(text[i]) != std::string_view::npos) ++i;
-        if (i >= text.size()) break;
-        size_t start = i;
-        while (i < text.size() && seps.find(text[i]) == std::string_view::npos) ++i;
-        if (n < max) out[n] = text.substr(start, i - start);
-        ++n;
-    }
-    return n;
 }
 
 // Two numbers in a token such as "(0.1,-40)" or "[0|100]": the bracket characters
@@ -253,8 +68,8 @@ bool read_pair(std::string_view token, std::string_view brackets, char sep, doub
         ++count;
     });
     if (count != 2) return false;
-    first = parse_double(pieces[0]);
-    second = parse_double(pieces[1]);
+    first = to_double(pieces[0]);
+    second = to_double(pieces[1]);
     return true;
 }
 
@@ -310,53 +125,6 @@ Kind classify(const char* p, size_t n) {
         t[k++] = p[i];
     }
     return keyword(std::string_view(t, k));
-}
-
-// Opens a regular file for reading; -1 for anything else (a directory or device
-// would either fail every read or never end).
-int open_regular(const std::string& path, struct stat& st) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// A file's bytes followed by kPad zero bytes. The buffer is kept between reads.
-struct FileText {
-    std::unique_ptr<char[]> buf;
-    size_t cap = 0;  // bytes available before the padding
-    size_t size = 0;
-    std::string_view view() const { return std::string_view(buf.get(), size); }
-};
-
-bool read_whole_file(const std::string& path, FileText& text) {
-    text.size = 0;
-    struct stat st;
-    int fd = open_regular(path, st);
-    if (fd < 0) return false;
-    const size_t want = static_cast<size_t>(st.st_size) + 1;
-    if (text.cap < want) {
-        text.buf.reset(new char[want + kPad]);
-        text.cap = want;
-    }
-    for (;;) {
-        if (text.size == text.cap) {  // the file grew while being read
-            std::unique_ptr<char[]> bigger(new char[text.cap * 2 + kPad]);
-            std::memcpy(bigger.get(), text.buf.get(), text.size);
-            text.buf = std::move(bigger);
-            text.cap *= 2;
-        }
-        ssize_t got = ::read(fd, text.buf.get() + text.size, text.cap - text.size);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        text.size += static_cast<size_t>(got);
-    }
-    ::close(fd);
-    std::memset(text.buf.get() + text.size, 0, kPad);
-    return true;
 }
 
 std::vector<std::string_view> as_views(const std::vector<std::string>& tokens) {
@@ -470,32 +238,18 @@ void IdIndex::insert_first(uint32_t id, uint32_t pos) {
 class DBC_Decoder::Parser {
 public:
     explicit Parser(DBC_Decoder& db) : db_(db) {
-        scratch_.reset(new char[kLineMax + kPad]());
+        scratch_.reset(new char[kLineMax + polybus::text::kPad]());
         db_.invalidate_codec();  // signal records may move while the lists grow
     }
 
     // `text` must be followed by kPad readable bytes.
     void run(std::string_view text, bool definitions) {
-        // A NUL byte ends its line (the line buffer is a C string); most files have
-        // none, which spares the per-line search.
-        has_nul_ = std::memchr(text.data(), '\0', text.size()) != nullptr;
-        const char* p = text.data();
-        const char* end = p + text.size();
-        while (p < end) {
-            const char* line_end = find_byte(p, end, '\n');
-            size_t len = static_cast<size_t>(line_end - p);
-            // CR LF ends a line just as LF does: most DBC files come from Windows tools,
-            // and a CR kept on the last token would leak into names, comments and
-            // attribute values.
-            if (len > 0 && p[len - 1] == '\r') --len;
-            while (len > kLineMax) {
-                line(p, kLineMax, definitions);
-                p += kLineMax;
-                len -= kLineMax;
-            }
-            line(p, len, definitions);
-            p = line_end < end ? line_end + 1 : end;
-        }
+        // CR LF ends a line just as LF does: most DBC files come from Windows tools, and
+        // a CR kept on the last token would leak into names, comments and attribute
+        // values. The length limit and the NUL are those of a C line buffer.
+        polybus::text::LineReader lines(text, {kLineMax, true});
+        std::string_view l;
+        while (lines.next(l)) line(l.data(), l.size(), definitions);
     }
 
     // Static helpers shared with the public token-list members.
@@ -504,14 +258,12 @@ public:
 
 private:
     void line(const char* p, size_t n, bool definitions) {
-        if (has_nul_)
-            if (const void* nul = std::memchr(p, '\0', n)) n = static_cast<size_t>(static_cast<const char*>(nul) - p);
         Kind kind = classify(p, n);
         if (kind == Kind::None) return;
         if ((kind == Kind::BA) == definitions) return;
         std::string_view text(p, n);
         const char* end = p + n;
-        const char* semi = find_byte(p, end, ';');
+        const char* semi = polybus::text::find_byte(p, end, ';');
         if (semi < end) {
             char* out = scratch_.get();
             const char* q = p;
@@ -519,13 +271,13 @@ private:
                 std::memcpy(out, q, static_cast<size_t>(semi - q));
                 out += semi - q;
                 q = semi + 1;
-                semi = find_byte(q, end, ';');
+                semi = polybus::text::find_byte(q, end, ';');
             } while (semi < end);
             std::memcpy(out, q, static_cast<size_t>(end - q));
             out += end - q;
             text = std::string_view(scratch_.get(), static_cast<size_t>(out - scratch_.get()));
         }
-        tokenize(text, tok_);
+        polybus::text::split_spaces(text, tok_);
         if (tok_.size() < 2) return;
         switch (kind) {
             case Kind::BO: on_message(); break;
@@ -541,7 +293,7 @@ private:
     }
 
     DBC_MESSAGE* message_by_id(std::string_view token) {
-        uint64_t id = parse_unsigned(token);
+        uint64_t id = to_unsigned(token);
         if (id > UINT32_MAX) return nullptr;
         int m = db_.findMessageById(static_cast<uint32_t>(id));
         return m < 0 ? nullptr : &db_.messages[static_cast<size_t>(m)];
@@ -627,8 +379,8 @@ private:
             ++count;
         });
         if (count < 2) return;
-        uint32_t type = static_cast<uint32_t>(parse_unsigned(pieces[1]));
-        uint64_t id = parse_unsigned(tok_[1]);
+        uint32_t type = static_cast<uint32_t>(to_unsigned(pieces[1]));
+        uint64_t id = to_unsigned(tok_[1]);
         if (id > UINT32_MAX) return;
         std::string_view name = tok_[2];
         for (DBC_MESSAGE& msg : db_.messages) {
@@ -653,8 +405,8 @@ private:
             std::string params = join_unquoted(tok_, i);
             for_each_piece(params, ',', [&](std::string_view piece) { a.enumValues.emplace_back(piece); });
         } else if (a.valueType == "INT" || a.valueType == "HEX" || a.valueType == "FLOAT") {
-            if (i < tok_.size()) a.minimum = parse_double(tok_[i]);
-            if (i + 1 < tok_.size()) a.maximum = parse_double(tok_[i + 1]);
+            if (i < tok_.size()) a.minimum = to_double(tok_[i]);
+            if (i + 1 < tok_.size()) a.maximum = to_double(tok_[i + 1]);
         }
         db_.attributeDefinitions.push_back(std::move(a));
         uint32_t pos = static_cast<uint32_t>(db_.attributeDefinitions.size() - 1);
@@ -697,20 +449,14 @@ public:
     // Pairs of an integer and a double-quoted description; reading stops at the first
     // number that no opening quote follows, or at a description that never closes.
     static void read_value_table(std::string_view text, std::map<int32_t, std::string>& table) {
-        size_t i = 0;
-        const size_t n = text.size();
+        polybus::text::Cursor c(text);
         for (;;) {
-            while (i < n && is_c_space(text[i])) ++i;
-            if (i >= n) return;
-            size_t num = i;
-            while (i < n && !is_c_space(text[i]) && text[i] != '"') ++i;
-            int32_t key = static_cast<int32_t>(parse_signed(text.substr(num, i - num), 0));
-            while (i < n && is_c_space(text[i])) ++i;
-            if (i >= n || text[i] != '"') return;
-            size_t close = text.find('"', i + 1);
-            if (close == std::string_view::npos) return;
-            table.emplace(key, std::string(text.substr(i + 1, close - i - 1)));
-            i = close + 1;
+            c.skip_space();
+            if (c.at_end()) return;
+            const std::string_view number = c.take_until([](char ch) { return is_c_space(ch) || ch == '"'; });
+            std::string_view description;
+            if (!c.quoted(description)) return;
+            table.emplace(static_cast<int32_t>(to_signed(number, 0)), std::string(description));
         }
     }
 
@@ -719,18 +465,17 @@ private:
     std::unique_ptr<char[]> scratch_;
     Tokens tok_;
     std::string name_buf_;
-    bool has_nul_ = false;
 };
 
 void DBC_Decoder::Parser::fill_message(DBC_MESSAGE& m, const Tokens& tok) {
     // BO_ <id> <name>: <dlc> <publisher>
     if (tok.size() < 4) return;
-    uint64_t id = parse_unsigned(tok[1], 0);
+    uint64_t id = to_unsigned(tok[1], 0);
     m.id = id < 2048 ? static_cast<uint32_t>(id) : (static_cast<uint32_t>(id) | 0x80000000u);
     m.name.reserve(tok[2].size());
     for (char c : tok[2])
         if (c != ':') m.name.push_back(c);
-    m.dlc = static_cast<uint32_t>(parse_unsigned(tok[3]));
+    m.dlc = static_cast<uint32_t>(to_unsigned(tok[3]));
     if (tok.size() > 4) m.publisher = std::string(tok[4]);
     m.isCanFd = 0;
     m.brs = 0;
@@ -757,7 +502,7 @@ void DBC_Decoder::Parser::fill_signal(DBC_SIGNAL& s, const Tokens& tok) {
             std::string rest;
             for (char c : ind)
                 if (c != 'm') rest.push_back(c);
-            s.multiplexValue = static_cast<uint32_t>(parse_unsigned(rest));
+            s.multiplexValue = static_cast<uint32_t>(to_unsigned(rest));
         }
         base = 1;
     }
@@ -766,8 +511,8 @@ void DBC_Decoder::Parser::fill_signal(DBC_SIGNAL& s, const Tokens& tok) {
     };
     std::string_view bits[3];
     size_t nbits = split_any(at(3), "|@ ", bits, 3);
-    if (nbits >= 1) s.startBit = static_cast<uint16_t>(parse_unsigned(bits[0]));
-    if (nbits >= 2) s.length = static_cast<uint16_t>(parse_unsigned(bits[1]));
+    if (nbits >= 1) s.startBit = static_cast<uint16_t>(to_unsigned(bits[0]));
+    if (nbits >= 2) s.length = static_cast<uint16_t>(to_unsigned(bits[1]));
     if (nbits >= 3) {
         if (!bits[2].empty() && bits[2][0] == '0') s.byteOrder = Motorola;
         if (!bits[2].empty() && bits[2][0] == '1') s.byteOrder = Intel;
@@ -822,7 +567,7 @@ void post_pass(DBC_Decoder& db) {
         for (const DBC_ATTRIBUTE& a : msg.attributes) {
             if (a.name == "GenMsgCycleTime" &&
                 (a.valueType == "INT" || a.valueType == "FLOAT" || a.valueType == "HEX")) {
-                double v = parse_double(a.value);
+                double v = to_double(a.value);
                 int64_t whole = 0;
                 if (std::isnan(v))
                     whole = 0;
@@ -834,7 +579,7 @@ void post_pass(DBC_Decoder& db) {
                     whole = static_cast<int64_t>(v);
                 msg.cycleTime = static_cast<uint32_t>(whole);
             } else if (a.name == "VFrameFormat" && a.valueType == "ENUM") {
-                int64_t index = parse_signed(a.value);
+                int64_t index = to_signed(a.value);
                 if (index < 0 || static_cast<uint64_t>(index) >= a.enumValues.size()) continue;
                 const std::string& text = a.enumValues[static_cast<size_t>(index)];
                 if (text == "StandardCAN") {
@@ -859,28 +604,21 @@ void post_pass(DBC_Decoder& db) {
 
 }  // namespace
 
-bool DBC_Decoder::isReadableFile(const std::string& path) {
-    struct stat st;
-    int fd = open_regular(path, st);
-    if (fd < 0) return false;
-    ::close(fd);
-    return true;
-}
+bool DBC_Decoder::isReadableFile(const std::string& path) { return polybus::text::is_readable_file(path); }
 
 // Both passes read the file, as the two members do; the constructor only lends them
 // one buffer.
 DBC_Decoder::DBC_Decoder(const std::string& path, const std::string& /*encoding*/) {
-    FileText text;
-    if (read_whole_file(path, text)) Parser(*this).run(text.view(), true);
-    if (read_whole_file(path, text)) Parser(*this).run(text.view(), false);
+    polybus::text::FileText text;
+    if (polybus::text::read_file(path, text)) Parser(*this).run(text.view(), true);
+    if (polybus::text::read_file(path, text)) Parser(*this).run(text.view(), false);
     post_pass(*this);
     reindex();
 }
 
 void DBC_Decoder::parseText(DBC_Decoder& db, std::string_view text) {
-    std::unique_ptr<char[]> padded(new char[text.size() + kPad]());
-    if (!text.empty()) std::memcpy(padded.get(), text.data(), text.size());
-    const std::string_view copy(padded.get(), text.size());
+    std::string_view copy;
+    const std::unique_ptr<char[]> padded = polybus::text::pad_copy(text, copy);
     Parser parser(db);
     parser.run(copy, true);
     parser.run(copy, false);
@@ -890,13 +628,13 @@ void DBC_Decoder::parseText(DBC_Decoder& db, std::string_view text) {
 
 // The encoding name is accepted for compatibility; bytes are kept as they are.
 void DBC_Decoder::decodeDBCFile(const std::string& path, const std::string& /*encoding*/) {
-    FileText text;
-    if (read_whole_file(path, text)) Parser(*this).run(text.view(), true);
+    polybus::text::FileText text;
+    if (polybus::text::read_file(path, text)) Parser(*this).run(text.view(), true);
 }
 
 void DBC_Decoder::updateAttrValues(const std::string& path, const std::string& /*encoding*/) {
-    FileText text;
-    if (read_whole_file(path, text)) Parser(*this).run(text.view(), false);
+    polybus::text::FileText text;
+    if (polybus::text::read_file(path, text)) Parser(*this).run(text.view(), false);
 }
 
 DBC_MESSAGE DBC_Decoder::getMessageValues(const std::vector<std::string>& tokens) {
