@@ -1,0 +1,149 @@
+// The codec tables of a DBC database: per message and per signal, what the frame
+// paths and the look-ups by name need, laid out for them and rebuilt from the
+// records by DBC_Decoder::reindex().
+#pragma once
+
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+struct DBC_SIGNAL;
+
+namespace dbc_detail {
+
+// A signal's conversion parameters, copied next to its codec entry so that setting a
+// value by name does not have to reach into the record for them.
+struct Scale {
+    double minimum;
+    double maximum;
+    double offset;
+    double factor;
+    double inverse;  // 1 / factor when that is exact (a power of two), else 0
+    uint64_t mask;     // GetDataMask(length)
+    uint64_t rawMask;  // mask for signed signals, all ones for unsigned ones
+    uint32_t isSigned;
+    enum Kind : uint32_t { Integer, Single, Double, None } kind;
+};
+
+// One signal prepared for the word-wide CAN path. The 8 data bytes are handled as
+// one 64-bit word: little-endian for Intel fields, byte-swapped for Motorola
+// fields, in which a Motorola field is a run of consecutive bits.
+struct CanField {
+    Scale scale;
+    DBC_SIGNAL* sig;
+    const char* name;  // the signal's name, for look-ups that skip the record
+    uint32_t nameLen;  // UINT32_MAX when an earlier signal has the same name
+    uint32_t page;     // multiplexed signal: its switch value; else UINT32_MAX
+    uint64_t mask;       // reading: value mask of the signal length (0: outside the frame)
+    uint64_t wordMask;   // writing: the field's bits in the word
+    uint64_t valueMask;  // writing: 0 when no bit of the raw value reaches the frame
+    uint64_t insertMask;  // wordMask & valueMask
+    uint8_t readShift;   // reading: right shift of the word
+    uint8_t bigEndian;   // 1: operate on the byte-swapped word
+    uint8_t slowRead;    // 1: read byte-wise (a Motorola field starting past the frame)
+    uint8_t writeLeft;   // writing: raw << writeLeft >> writeRight
+    uint8_t writeRight;
+};
+
+// A field of a disjoint message, reduced to a rotation and a mask of the word.
+struct PackedField {
+    const DBC_SIGNAL* sig;
+    uint64_t mask;
+    uint32_t rotate;  // left rotation of the raw value
+};
+
+struct MessageCodec {
+    const char* name = nullptr;  // the message's name, for look-ups that skip the record
+    uint32_t nameLen = 0;
+    CanField* fields = nullptr;  // the message's first CanField
+    uint32_t first = 0;  // its position in the table
+    uint32_t count = 0;
+    int32_t switchIndex = -1;  // first multiplexer switch, signal position
+    bool allWordPath = true;   // every field reads through the word path
+    // No switch and no two fields sharing a bit: the frame can be put together in any
+    // order, from the packed lists below.
+    bool disjoint = false;
+    uint32_t leFirst = 0, leCount = 0;  // packed Intel fields
+    uint32_t beFirst = 0, beCount = 0;  // packed Motorola fields
+    // Signal to try first in a look-up by name: the one after the last hit, since
+    // applications tend to set a message's signals in the same order each time.
+    mutable CanField* next = nullptr;
+};
+
+// The conversion parameters of a signal as the codec tables hold them.
+Scale scale_of(const DBC_SIGNAL& s);
+
+// Truncating conversions with the out-of-range cases defined: NaN gives 0, values
+// beyond the range saturate, and a negative value converted to unsigned wraps to
+// two's complement.
+inline __attribute__((always_inline)) int64_t to_i64(double x) {
+    if (x > -9223372036854775808.0 && x < 9223372036854775808.0) return static_cast<int64_t>(x);
+    if (std::isnan(x)) return 0;
+    if (x >= 9223372036854775808.0) return INT64_MAX;
+    if (x < -9223372036854775808.0) return INT64_MIN;
+    return static_cast<int64_t>(x);
+}
+
+inline __attribute__((always_inline)) uint64_t to_u64(double x) {
+    if (x >= 0 && x < 9223372036854775808.0) return static_cast<uint64_t>(static_cast<int64_t>(x));
+    if (std::isnan(x)) return 0;
+    if (x >= 18446744073709551616.0) return UINT64_MAX;
+    if (x >= 0) return static_cast<uint64_t>(x);
+    return static_cast<uint64_t>(to_i64(x));
+}
+
+inline uint32_t float_bits(double v) {
+    float f;
+    if (std::isfinite(v) && std::fabs(v) > FLT_MAX) {
+        // Round to nearest: only values from FLT_MAX + half an ulp on become infinite.
+        bool inf = std::fabs(v) >= static_cast<double>(FLT_MAX) + std::ldexp(1.0, 103);
+        f = inf ? HUGE_VALF : FLT_MAX;
+        if (v < 0) f = -f;
+    } else {
+        f = static_cast<float>(v);
+    }
+    uint32_t bits;
+    std::memcpy(&bits, &f, sizeof bits);
+    return bits;
+}
+
+inline uint64_t double_bits(double v) {
+    uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return bits;
+}
+
+// The raw value for a physical value: clamped to [minimum, maximum] when `clamp`,
+// then scaled and rounded (integers) or taken bit for bit (signed float / double).
+// Returns false when the value type stores nothing.
+inline __attribute__((always_inline)) bool physical_to_raw(const Scale& c, double value, bool clamp,
+                                                           uint64_t& raw) {
+    if (clamp) {
+        if (value > c.maximum) value = c.maximum;
+        if (value < c.minimum) value = c.minimum;
+    }
+    if (c.kind == Scale::Integer) {
+        const double x = c.inverse != 0 ? (value - c.offset) * c.inverse : (value - c.offset) / c.factor;
+        // Nearest integer, halves away from zero (the conversion below truncates).
+        const double r = x + std::copysign(0.49999999999999994, x);
+        // Unsigned signals keep the whole value; signed ones are cut to their length
+        // (rawMask). Within +-2^63 both conversions are the plain truncation.
+        if (std::fabs(r) < 9223372036854775808.0)
+            raw = static_cast<uint64_t>(static_cast<int64_t>(r)) & c.rawMask;
+        else
+            raw = (c.isSigned != 1 ? to_u64(r) : static_cast<uint64_t>(to_i64(r))) & c.rawMask;
+        return true;
+    }
+    if (c.kind == Scale::Single) {
+        raw = float_bits(value);
+        return true;
+    }
+    if (c.kind == Scale::Double) {
+        raw = double_bits(value);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace dbc_detail
