@@ -3,10 +3,13 @@
 // records by DBC_Decoder::reindex().
 #pragma once
 
+#include <array>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+
+#include "database/dbc_index.h"
 
 struct DBC_SIGNAL;
 
@@ -29,11 +32,13 @@ struct Scale {
 // One signal prepared for the word-wide CAN path. The 8 data bytes are handled as
 // one 64-bit word: little-endian for Intel fields, byte-swapped for Motorola
 // fields, in which a Motorola field is a run of consecutive bits.
+struct MessageCodec;
+
 struct CanField {
+    NameKey key;  // the signal's name; only the first signal of a name matches
     Scale scale;
     DBC_SIGNAL* sig;
-    const char* name;  // the signal's name, for look-ups that skip the record
-    uint32_t nameLen;  // UINT32_MAX when an earlier signal has the same name
+    const MessageCodec* owner;  // the message's codec entry
     uint32_t page;     // multiplexed signal: its switch value; else UINT32_MAX
     uint64_t mask;       // reading: value mask of the signal length (0: outside the frame)
     uint64_t wordMask;   // writing: the field's bits in the word
@@ -44,6 +49,21 @@ struct CanField {
     uint8_t slowRead;    // 1: read byte-wise (a Motorola field starting past the frame)
     uint8_t writeLeft;   // writing: raw << writeLeft >> writeRight
     uint8_t writeRight;
+    // How a raw value reads as a physical one. Only isSigned 1 makes a signal signed,
+    // and only a signed signal reads its raw bits as a float or double.
+    //   ReadInteger: signed integers, and unsigned ones shorter than 64 bits (whose raw
+    //                values read the same as signed 64-bit integers)
+    //   ReadUnsigned64: unsigned signals of 64 bits or more
+    enum ReadKind : uint8_t { ReadInteger, ReadUnsigned64, ReadSingle, ReadDouble, ReadZero } readKind;
+    uint8_t signShift;  // ReadInteger: 64 - length for a signed signal, so that << and
+                        // >> extend the sign; 0 otherwise
+};
+
+// One slot of a message's table of signals by name: the name hash's upper half and
+// the signal's position (UINT32_MAX: empty).
+struct SignalSlot {
+    uint32_t tag;
+    uint32_t field;
 };
 
 // A field of a disjoint message, reduced to a rotation and a mask of the word.
@@ -54,9 +74,14 @@ struct PackedField {
 };
 
 struct MessageCodec {
-    const char* name = nullptr;  // the message's name, for look-ups that skip the record
-    uint32_t nameLen = 0;
+    NameKey key{};               // the message's name; only the first of a name matches
     CanField* fields = nullptr;  // the message's first CanField
+    CanField* end = nullptr;     // and one past its last
+    // Signals by name: open addressing, at most half full, so that probe chains stay
+    // short; slotMask + 1 slots from `slots`.
+    const SignalSlot* slots = nullptr;
+    uint32_t slotFirst = 0;
+    uint32_t slotMask = 0;
     uint32_t first = 0;  // its position in the table
     uint32_t count = 0;
     int32_t switchIndex = -1;  // first multiplexer switch, signal position
@@ -67,9 +92,32 @@ struct MessageCodec {
     uint32_t leFirst = 0, leCount = 0;  // packed Intel fields
     uint32_t beFirst = 0, beCount = 0;  // packed Motorola fields
     // Signal to try first in a look-up by name: the one after the last hit, since
-    // applications tend to set a message's signals in the same order each time.
+    // applications tend to set and read a message's signals in the same order each
+    // time. A message without signals points at no_field().
     mutable CanField* next = nullptr;
 };
+
+// Where a look-up by a signal's name remembers what it found: a slot chosen by the
+// address of the caller's name string. Applications pass the same strings (mostly
+// literals) again and again, so the slot usually holds the right signal at once;
+// the signal is then confirmed by its name and message, never taken on the address.
+// Unlike "the signal after the last one", the slot is not rewritten by every hit, so
+// successive calls do not wait on each other. The slot is the address's low bits:
+// they do not change with where the program is loaded, and strings that lie close
+// together, as a program's literals do, never share a slot.
+constexpr unsigned kHintBits = 10;
+inline size_t hint_slot(const char* name) {
+    return static_cast<size_t>(reinterpret_cast<uintptr_t>(name) & ((uintptr_t{1} << kHintBits) - 1));
+}
+
+// Stand-ins whose names match no C string: the signal a message without signals
+// offers first, and the message a database offers before any look-up by name. They
+// spare the fast paths the tests for "none".
+CanField* no_field();
+MessageCodec* no_codec();
+
+using Hints = std::array<CanField*, (size_t{1} << kHintBits)>;
+Hints no_hints();  // every slot no_field()
 
 // The conversion parameters of a signal as the codec tables hold them.
 Scale scale_of(const DBC_SIGNAL& s);

@@ -14,6 +14,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <array>
+#include <cstring>
 #include <map>
 #include <string>
 #include <string_view>
@@ -135,7 +137,12 @@ public:
     int findSignal(int message, std::string_view name) const;
 
     // The work of the exported functions on a valid database (results as there).
+    // Setting and reading by name try the message of the last look-up by name and the
+    // signal after the last one found first (both confirmed by comparing the names),
+    // then the name indexes; inline, so that the exported calls run without a further
+    // call in the common case of a message's signals taken in the same order each time.
     int setSignalValue(const char* messageName, const char* signalName, double value);
+    int getSignalValue(const char* messageName, const char* signalName, double* value);
     int syncCANMsgToValue(const CAN_MSG* frames, int count);
     int syncCANFDMsgToValue(const CANFD_MSG* frames, int count);
     int syncValueToCANMsg(const char* messageName, CAN_MSG* frame);
@@ -147,9 +154,11 @@ private:
     friend class Parser;
 
     void build_codec();
+    void add_signal_table(dbc_detail::MessageCodec& c);
     int cached_message(const char* name) const;
     int cached_signal(int message, const char* name) const;
     int set_signal_value_slow(const char* messageName, const char* signalName, double value);
+    int get_signal_value_slow(const char* messageName, const char* signalName, double* value);
     void decode_can(int message, const CAN_MSG& frame);
     void build_can(int message, uint8_t out[8]);
 
@@ -158,7 +167,7 @@ private:
 
     bool codec_ready_ = false;       // fields_ / codecs_ match the lists
     mutable int last_message_ = -1;  // the message found by the last look-up by name
-    mutable dbc_detail::MessageCodec* last_codec_ = nullptr;  // and its codec entry
+    mutable dbc_detail::MessageCodec* last_codec_ = dbc_detail::no_codec();  // and its codec entry
     dbc_detail::HashIndex index_msg_name_;
     dbc_detail::HashIndex index_signal_;
     dbc_detail::HashIndex index_attr_def_;
@@ -166,4 +175,79 @@ private:
     std::vector<dbc_detail::CanField> fields_;
     std::vector<dbc_detail::PackedField> packed_;
     std::vector<dbc_detail::MessageCodec> codecs_;
+    std::vector<dbc_detail::SignalSlot> slots_;  // the messages' signal tables
+    // Signals found by name, by the address of the name (see hint_slot).
+    mutable dbc_detail::Hints hints_ = dbc_detail::no_hints();
 };
+
+namespace dbc_detail {
+
+// The physical value of a signal's raw value, exactly as DBC_Decoder::
+// getSignalRealValue computes it from the record (raw x factor + offset, in the same
+// operations, so the results are the same bit for bit), including its one side
+// effect: a raw value beyond the signal's mask is cut back to it in the record.
+inline double read_physical(const CanField& f) {
+    // Stored back unconditionally: the same value unless it had to be cut, and cheaper
+    // than the test.
+    const uint64_t raw = f.sig->rawValue & f.scale.mask;
+    f.sig->rawValue = raw;
+    if (__builtin_expect(f.readKind == CanField::ReadInteger, 1)) {
+        const int64_t v = static_cast<int64_t>(raw << f.signShift) >> f.signShift;
+        return static_cast<double>(v) * f.scale.factor + f.scale.offset;
+    }
+    switch (f.readKind) {
+        case CanField::ReadUnsigned64: return static_cast<double>(raw) * f.scale.factor + f.scale.offset;
+        case CanField::ReadSingle: {
+            const uint32_t bits = static_cast<uint32_t>(raw);
+            float x;
+            std::memcpy(&x, &bits, sizeof x);
+            return static_cast<double>(x);
+        }
+        case CanField::ReadDouble: {
+            double x;
+            std::memcpy(&x, &raw, sizeof x);
+            return x;
+        }
+        default: return 0;
+    }
+}
+
+// Stores the raw value of a physical one; setting a multiplexed signal also selects
+// its page on the message's switch.
+inline __attribute__((always_inline)) void store_physical(const CanField& f, const MessageCodec& c, double value) {
+    uint64_t raw;
+    if (physical_to_raw(f.scale, value, true, raw)) f.sig->rawValue = raw;
+    if (f.page != UINT32_MAX) c.fields[c.switchIndex].sig->rawValue = f.page;
+}
+
+}  // namespace dbc_detail
+
+// The common case runs without a call: the message of the last look-up by name, and
+// the signal remembered for this name string, both confirmed by their names (see
+// name_is_quick) and the signal also by its message. last_codec_ is a message of the
+// codec tables or no_codec(), and the hints hold signals of the tables or no_field().
+inline __attribute__((always_inline)) int DBC_Decoder::setSignalValue(const char* messageName,
+                                                                      const char* signalName, double value) {
+    const dbc_detail::MessageCodec* c = last_codec_;
+    if (__builtin_expect(dbc_detail::name_is_quick(c->key, messageName), 1)) {
+        const dbc_detail::CanField* f = hints_[dbc_detail::hint_slot(signalName)];
+        if (__builtin_expect(f->owner == c && dbc_detail::name_is_quick(f->key, signalName), 1)) {
+            dbc_detail::store_physical(*f, *c, value);
+            return 0;
+        }
+    }
+    return set_signal_value_slow(messageName, signalName, value);
+}
+
+inline __attribute__((always_inline)) int DBC_Decoder::getSignalValue(const char* messageName,
+                                                                      const char* signalName, double* value) {
+    const dbc_detail::MessageCodec* c = last_codec_;
+    if (__builtin_expect(dbc_detail::name_is_quick(c->key, messageName), 1)) {
+        const dbc_detail::CanField* f = hints_[dbc_detail::hint_slot(signalName)];
+        if (__builtin_expect(f->owner == c && dbc_detail::name_is_quick(f->key, signalName), 1)) {
+            *value = dbc_detail::read_physical(*f);
+            return 0;
+        }
+    }
+    return get_signal_value_slow(messageName, signalName, value);
+}

@@ -49,6 +49,7 @@ uint64_t range_mask(int lo, int hi) {
 void DBC_Decoder::build_codec() {
     fields_.clear();
     packed_.clear();
+    slots_.clear();
     codecs_.assign(messages.size(), dbc_detail::MessageCodec{});
     size_t total = 0;
     for (const DBC_MESSAGE& msg : messages) total += msg.signals.size();
@@ -57,9 +58,7 @@ void DBC_Decoder::build_codec() {
     for (size_t m = 0; m < messages.size(); ++m) {
         DBC_MESSAGE& msg = messages[m];
         dbc_detail::MessageCodec& c = codecs_[m];
-        c.name = msg.name.data();
-        // A name holding a NUL can never equal a C string; the length rules it out.
-        c.nameLen = msg.name.find('\0') == std::string::npos ? static_cast<uint32_t>(msg.name.size()) : UINT32_MAX;
+        c.key = dbc_detail::make_key(msg.name, true);
         c.first = static_cast<uint32_t>(fields_.size());
         c.count = static_cast<uint32_t>(msg.signals.size());
         for (size_t i = 0; i < msg.signals.size(); ++i) {
@@ -68,9 +67,21 @@ void DBC_Decoder::build_codec() {
             dbc_detail::CanField f{};
             f.sig = &sig;
             f.scale = dbc_detail::scale_of(sig);
-            f.name = sig.name.data();
-            f.nameLen = static_cast<uint32_t>(sig.name.size());
+            // Only the first signal of a name may answer a look-up by that name.
+            f.key = dbc_detail::make_key(
+                sig.name, findSignal(static_cast<int>(m), std::string_view(sig.name)) == static_cast<int>(i));
+            if (sig.isSigned != 1)
+                f.readKind = (sig.length & 0xFF) < 64 ? dbc_detail::CanField::ReadInteger : dbc_detail::CanField::ReadUnsigned64;
+            else if (sig.valueType == 0)
+                f.readKind = dbc_detail::CanField::ReadInteger;
+            else if (sig.valueType == 1)
+                f.readKind = dbc_detail::CanField::ReadSingle;
+            else if (sig.valueType == 2)
+                f.readKind = dbc_detail::CanField::ReadDouble;
+            else
+                f.readKind = dbc_detail::CanField::ReadZero;
             const int length = sig.length & 0xFF;
+            f.signShift = static_cast<uint8_t>(sig.isSigned == 1 && length > 0 && length < 64 ? 64 - length : 0);
             const int sb = sig.startBit;
             const bool motorola = sig.byteOrder == Motorola;
             f.bigEndian = motorola ? 1 : 0;
@@ -95,12 +106,10 @@ void DBC_Decoder::build_codec() {
             } else {
                 f.valueMask = 0;  // only raw bits above 63 (zeros) reach the frame
             }
-            // Only the first signal of a name may answer a look-up by that name.
-            if (findSignal(static_cast<int>(m), std::string_view(sig.name)) != static_cast<int>(i))
-                f.nameLen = UINT32_MAX;
             f.insertMask = f.wordMask & f.valueMask;
             fields_.push_back(f);
         }
+        add_signal_table(c);
         for (uint32_t i = c.first; i < c.first + c.count; ++i) {
             const DBC_SIGNAL& sig = *fields_[i].sig;
             fields_[i].page =
@@ -133,8 +142,67 @@ void DBC_Decoder::build_codec() {
             }
         }
     }
-    for (dbc_detail::MessageCodec& c : codecs_) c.next = c.fields = fields_.data() + c.first;
+    for (dbc_detail::MessageCodec& c : codecs_) {
+        c.fields = fields_.data() + c.first;
+        c.end = c.fields + c.count;
+        c.next = c.count != 0 ? c.fields : dbc_detail::no_field();
+        c.slots = slots_.data() + c.slotFirst;
+        for (dbc_detail::CanField* f = c.fields; f != c.end; ++f) f->owner = &c;
+    }
     codec_ready_ = true;
+}
+
+namespace dbc_detail {
+
+CanField* no_field() {
+    // The empty name (care 1) for the quick test, but no message owns it.
+    static CanField none = [] {
+        CanField f{};
+        f.key.care = 1;
+        f.key.length = UINT32_MAX;
+        return f;
+    }();
+    return &none;
+}
+
+Hints no_hints() {
+    Hints h;
+    h.fill(no_field());
+    return h;
+}
+
+MessageCodec* no_codec() {
+    // The empty name (care 1) for the quick test, but it owns no signal.
+    static MessageCodec none = [] {
+        MessageCodec c{};
+        c.key.care = 1;
+        c.key.length = UINT32_MAX;
+        c.next = no_field();
+        return c;
+    }();
+    return &none;
+}
+
+}  // namespace dbc_detail
+
+// The message's signals by name, in a table at most half full (at least 2 slots, so
+// that a probe always meets an empty one). Only signals that may answer a look-up by
+// name go in; the first of a name comes first in the probe order.
+void DBC_Decoder::add_signal_table(dbc_detail::MessageCodec& c) {
+    uint32_t size = 2;
+    while (size < 2 * c.count) size *= 2;
+    c.slotFirst = static_cast<uint32_t>(slots_.size());
+    c.slotMask = size - 1;
+    slots_.resize(slots_.size() + size, dbc_detail::SignalSlot{0, UINT32_MAX});
+    dbc_detail::SignalSlot* table = slots_.data() + c.slotFirst;
+    for (uint32_t i = 0; i < c.count; ++i) {
+        const dbc_detail::CanField& f = fields_[c.first + i];
+        if (f.key.length == UINT32_MAX) continue;
+        const uint64_t h = dbc_detail::hash_name(std::string_view(f.key.name, f.key.length));
+        uint32_t at = static_cast<uint32_t>(h) & c.slotMask;
+        while (table[at].field != UINT32_MAX) at = (at + 1) & c.slotMask;
+        table[at] = dbc_detail::SignalSlot{static_cast<uint32_t>(h >> 32), i};
+    }
 }
 
 void DBC_Decoder::decode_can(int message, const CAN_MSG& frame) {

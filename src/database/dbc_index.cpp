@@ -101,4 +101,9 @@ void IdIndex::insert_first(uint32_t id, uint32_t pos) {
     }
 }
 
+bool name_is_slow(const NameKey& k, const char* s) {
+    if (k.length == UINT32_MAX || s == nullptr) return false;
+    return std::strlen(s) == k.length && std::memcmp(s, k.name, k.length) == 0;
+}
+
 }  // namespace dbc_detail

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "database/dbc_decoder.h"
+#include "polybus/dbc.h"
 
 void DBC_Decoder::reindex() {
     invalidate_codec();
@@ -56,9 +57,11 @@ void DBC_Decoder::invalidate_codec() {
     codec_ready_ = false;
     fields_.clear();
     packed_.clear();
+    slots_.clear();
     codecs_.clear();
     last_message_ = -1;
-    last_codec_ = nullptr;
+    last_codec_ = dbc_detail::no_codec();
+    hints_ = dbc_detail::no_hints();
 }
 
 bool DBC_Decoder::getMessage(const std::string& name, DBC_MESSAGE** out) {
@@ -109,44 +112,44 @@ bool DBC_Decoder::updateSignal(const std::string& messageName, const std::string
     return true;
 }
 
-namespace {
-
-// Whether a C string is the message's name.
-inline bool same_message_name(const dbc_detail::MessageCodec& c, const char* s) {
-    const size_t n = c.nameLen;
-    return std::strlen(s) == n && dbc_detail::same_bytes(c.name, s, n);
-}
-
-}  // namespace
-
 // Look-ups by C string once the codec tables are ready: the message of the last
 // look-up and the signal after the last one found are tried before the indexes.
+// Names are compared with the padded keys of the codec tables (no strlen) and hashed
+// in the same way.
 inline int DBC_Decoder::cached_message(const char* name) const {
-    const size_t n = std::strlen(name);
     const int last = last_message_;
-    if (last >= 0) {
-        const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(last)];
-        if (c.nameLen == n && dbc_detail::same_bytes(c.name, name, n)) return last;
-    }
-    const int m = findMessage(std::string_view(name, n));
-    if (m >= 0) {
-        last_message_ = m;
-        last_codec_ = const_cast<dbc_detail::MessageCodec*>(&codecs_[static_cast<size_t>(m)]);
-    }
+    if (last >= 0 && dbc_detail::name_is(codecs_[static_cast<size_t>(last)].key, name)) return last;
+    const auto* hit = index_msg_name_.find(dbc_detail::hash_cstr(name), [&](const auto& s) {
+        return dbc_detail::name_is(codecs_[s.a].key, name);
+    });
+    if (hit == nullptr) return -1;
+    const int m = static_cast<int>(hit->a);
+    last_message_ = m;
+    // The fast paths compare only names of up to 31 bytes.
+    const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(m)];
+    last_codec_ = c.key.care != 0 ? const_cast<dbc_detail::MessageCodec*>(&c) : dbc_detail::no_codec();
     return m;
 }
 
 inline int DBC_Decoder::cached_signal(int message, const char* name) const {
-    const size_t n = std::strlen(name);
     const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(message)];
-    int s;
-    if (c.count != 0 && c.next->nameLen == n && dbc_detail::same_bytes(c.next->name, name, n)) {
+    if (c.count == 0) return -1;
+    int s = -1;
+    if (dbc_detail::name_is(c.next->key, name)) {
         s = static_cast<int>(c.next - c.fields);
     } else {
-        s = findSignal(message, std::string_view(name, n));
-        if (s < 0) return s;
+        const uint64_t h = dbc_detail::hash_cstr(name);
+        const uint32_t tag = static_cast<uint32_t>(h >> 32);
+        for (uint32_t i = static_cast<uint32_t>(h) & c.slotMask;; i = (i + 1) & c.slotMask) {
+            const dbc_detail::SignalSlot& slot = c.slots[i];
+            if (slot.field == UINT32_MAX) return -1;
+            if (slot.tag == tag && dbc_detail::name_is(c.fields[slot.field].key, name)) {
+                s = static_cast<int>(slot.field);
+                break;
+            }
+        }
     }
-    c.next = static_cast<uint32_t>(s) + 1 < c.count ? c.fields + s + 1 : c.fields;
+    c.next = static_cast<uint32_t>(s) + 1 < c.count ? c.fields + s + 1 : c.fields;  // count > 0 here
     return s;
 }
 
@@ -162,44 +165,28 @@ int DBC_Decoder::findSignal(int message, const char* name) const {
     return findSignal(message, std::string_view(name));
 }
 
-namespace {
-
-inline __attribute__((always_inline)) void store_physical(const dbc_detail::CanField& f,
-                                                          const dbc_detail::MessageCodec& c, double value) {
-    uint64_t raw;
-    if (dbc_detail::physical_to_raw(f.scale, value, true, raw)) f.sig->rawValue = raw;
-    // Setting a multiplexed signal selects its page on the message's switch.
-    if (f.page != UINT32_MAX) c.fields[c.switchIndex].sig->rawValue = f.page;
-}
-
-}  // namespace
-
-// The common case, the same message as last time and the signal after the last one,
-// runs without a call besides the two strlen; everything else goes the long way.
-// last_codec_ is only ever set while the codec tables are ready.
-int DBC_Decoder::setSignalValue(const char* messageName, const char* signalName, double value) {
-    dbc_detail::MessageCodec* c = last_codec_;
-    if (c != nullptr && messageName != nullptr && signalName != nullptr && c->count != 0 &&
-        same_message_name(*c, messageName)) {
-        const dbc_detail::CanField& f = *c->next;
-        const size_t slen = std::strlen(signalName);
-        if (f.nameLen == slen && dbc_detail::same_bytes(f.name, signalName, slen)) {
-            c->next = c->next + 1 != c->fields + c->count ? c->next + 1 : c->fields;
-            store_physical(f, *c, value);
-            return 0;
-        }
-    }
-    return set_signal_value_slow(messageName, signalName, value);
-}
-
 int DBC_Decoder::set_signal_value_slow(const char* messageName, const char* signalName, double value) {
     if (!codec_ready_) reindex();
-    if (messageName == nullptr || signalName == nullptr) return -5;
+    if (messageName == nullptr || signalName == nullptr) return DBC_ERR_NOT_FOUND;
     const int m = cached_message(messageName);
-    if (m < 0) return -5;
+    if (m < 0) return DBC_ERR_NOT_FOUND;
     const int s = cached_signal(m, signalName);
-    if (s < 0) return -5;
+    if (s < 0) return DBC_ERR_NOT_FOUND;
     const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(m)];
-    store_physical(c.fields[s], c, value);
-    return 0;
+    if (c.fields[s].key.care != 0) hints_[dbc_detail::hint_slot(signalName)] = &c.fields[s];
+    dbc_detail::store_physical(c.fields[s], c, value);
+    return DBC_OK;
+}
+
+int DBC_Decoder::get_signal_value_slow(const char* messageName, const char* signalName, double* value) {
+    if (!codec_ready_) reindex();
+    if (messageName == nullptr || signalName == nullptr) return DBC_ERR_NOT_FOUND;
+    const int m = cached_message(messageName);
+    if (m < 0) return DBC_ERR_NOT_FOUND;
+    const int s = cached_signal(m, signalName);
+    if (s < 0) return DBC_ERR_NOT_FOUND;
+    dbc_detail::CanField& f = codecs_[static_cast<size_t>(m)].fields[s];
+    if (f.key.care != 0) hints_[dbc_detail::hint_slot(signalName)] = &f;
+    *value = dbc_detail::read_physical(f);
+    return DBC_OK;
 }
