@@ -1,6 +1,11 @@
 // DBC database: the records of one parsed DBC file, the parser that fills them, and
 // the signal codec that moves raw values into and out of frame bytes.
 //
+// Where the work lives: dbc_scan.cpp and dbc_lines.cpp parse (lines and tokens, then
+// the handler of each line type), dbc_index.* hold the hash indexes, dbc_lookup.cpp
+// the look-ups by name and identifier, dbc_codec.cpp the value and bit conversions,
+// dbc_frames.cpp the codec tables and whole frames, dbc_api.cpp the exported calls.
+//
 // The records are plain data held by value. Look-ups go through hash indexes that
 // map a name or identifier to the FIRST matching record in file order; the indexes
 // are rebuilt by every member that changes the lists (updateMessage, updateSignal,
@@ -9,11 +14,15 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <array>
+#include <cstring>
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "database/dbc_codec_tables.h"
+#include "database/dbc_index.h"
 #include "polybus/can.h"
 #include "polybus/canfd.h"
 
@@ -68,200 +77,6 @@ struct DBC_MESSAGE {
     std::vector<DBC_ATTRIBUTE> attributes;
 };
 
-namespace dbc_detail {
-
-// Open-addressing table from a 64-bit key hash to record positions. Several keys
-// can share a hash, so callers confirm a hit against the record itself; the table
-// keeps the first position inserted for a key, which gives first-match semantics.
-class HashIndex {
-public:
-    struct Slot {
-        uint64_t hash;  // 0 = empty
-        uint32_t a;     // message position
-        uint32_t b;     // signal / definition position, or unused
-    };
-
-    void clear();
-    void reserve(size_t n);
-    // Calls same(slot) for every slot with this hash until it returns true.
-    template <class Same>
-    const Slot* find(uint64_t hash, Same same) const {
-        if (slots_.empty()) return nullptr;
-        hash |= 1;
-        size_t i = hash & mask_;
-        for (;;) {
-            const Slot& s = slots_[i];
-            if (s.hash == 0) return nullptr;
-            if (s.hash == hash && same(s)) return &s;
-            i = (i + 1) & mask_;
-        }
-    }
-    // Inserts unless an equal key is present.
-    template <class Same>
-    void insert_first(uint64_t hash, uint32_t a, uint32_t b, Same same) {
-        if ((count_ + 1) * 4 > slots_.size() * 3) grow();
-        hash |= 1;
-        size_t i = hash & mask_;
-        for (;;) {
-            Slot& s = slots_[i];
-            if (s.hash == 0) {
-                s = Slot{hash, a, b};
-                ++count_;
-                return;
-            }
-            if (s.hash == hash && same(s)) return;
-            i = (i + 1) & mask_;
-        }
-    }
-
-private:
-    void grow();
-    std::vector<Slot> slots_;
-    size_t mask_ = 0;
-    size_t count_ = 0;
-};
-
-// Identifier -> first message position. Key and position share a slot, so that a
-// probe touches one cache line however large the table grows.
-class IdIndex {
-public:
-    void clear();
-    void reserve(size_t n);
-    void insert_first(uint32_t id, uint32_t pos);
-    uint32_t find(uint32_t id) const {  // UINT32_MAX when absent
-        if (slots_.empty()) return UINT32_MAX;
-        size_t i = home(id);
-        for (;;) {
-            const Slot& s = slots_[i];
-            if (s.pos == UINT32_MAX) return UINT32_MAX;
-            if (s.key == id) return s.pos;
-            i = (i + 1) & mask_;
-        }
-    }
-
-private:
-    struct Slot {
-        uint32_t key;
-        uint32_t pos;  // UINT32_MAX = empty
-    };
-    // Fibonacci hashing: the top bits of the product. Runs of consecutive identifiers,
-    // common in DBC files, then land evenly spread and probe chains stay short.
-    size_t home(uint32_t id) const {
-        return static_cast<size_t>((id * 0x9E3779B97F4A7C15ull) >> shift_);
-    }
-    void grow();
-    std::vector<Slot> slots_;
-    size_t mask_ = 0;
-    unsigned shift_ = 63;  // 64 - log2(table size)
-    size_t count_ = 0;
-};
-
-// Equality of two byte ranges of the same, known length. Lengths of 8 to 32 bytes
-// (most names) take one branch-free path of four overlapping word loads, so that a
-// run of look-ups of differently long names does not keep mispredicting.
-inline bool same_bytes(const char* a, const char* b, size_t n) {
-    auto load64 = [](const char* p) {
-        uint64_t v;
-        __builtin_memcpy(&v, p, 8);
-        return v;
-    };
-    auto load32 = [](const char* p) {
-        uint32_t v;
-        __builtin_memcpy(&v, p, 4);
-        return v;
-    };
-    if (n - 8 <= 24) {
-        const size_t last = n - 8;
-        const size_t o1 = last < 8 ? last : 8;
-        const size_t o2 = last < 16 ? last : 16;
-        const uint64_t diff = (load64(a) ^ load64(b)) | (load64(a + o1) ^ load64(b + o1)) |
-                              (load64(a + o2) ^ load64(b + o2)) | (load64(a + last) ^ load64(b + last));
-        return diff == 0;
-    }
-    if (n > 32) {
-        uint64_t diff = load64(a + n - 8) ^ load64(b + n - 8);
-        for (size_t i = 0; i + 8 < n; i += 8) diff |= load64(a + i) ^ load64(b + i);
-        return diff == 0;
-    }
-    if (n >= 4) return ((load32(a) ^ load32(b)) | (load32(a + n - 4) ^ load32(b + n - 4))) == 0;
-    for (size_t i = 0; i < n; ++i)
-        if (a[i] != b[i]) return false;
-    return true;
-}
-
-inline bool same_name(const std::string& name, std::string_view key) {
-    return name.size() == key.size() && same_bytes(name.data(), key.data(), key.size());
-}
-
-uint64_t hash_bytes(const char* p, size_t n);
-inline uint64_t hash_str(std::string_view s) { return hash_bytes(s.data(), s.size()); }
-inline uint64_t hash_signal(uint32_t msg, std::string_view s) {
-    return hash_str(s) ^ ((msg + 1) * 0xD6E8FEB86659FD93ull);
-}
-
-// One signal prepared for the word-wide CAN path. The 8 data bytes are handled as
-// one 64-bit word: little-endian for Intel fields, byte-swapped for Motorola
-// fields, in which a Motorola field is a run of consecutive bits.
-// A signal's conversion parameters, copied next to its codec entry so that setting a
-// value by name does not have to reach into the record for them.
-struct Scale {
-    double minimum;
-    double maximum;
-    double offset;
-    double factor;
-    double inverse;  // 1 / factor when that is exact (a power of two), else 0
-    uint64_t mask;     // GetDataMask(length)
-    uint64_t rawMask;  // mask for signed signals, all ones for unsigned ones
-    uint32_t isSigned;
-    uint32_t valueType;
-    enum Kind : uint32_t { Integer, Single, Double, None } kind;
-};
-
-struct CanField {
-    Scale scale;
-    DBC_SIGNAL* sig;
-    const char* name;  // the signal's name, for look-ups that skip the record
-    uint32_t nameLen;  // UINT32_MAX when an earlier signal has the same name
-    uint32_t page;     // multiplexed signal: its switch value; else UINT32_MAX
-    uint64_t mask;       // reading: value mask of the signal length (0: outside the frame)
-    uint64_t wordMask;   // writing: the field's bits in the word
-    uint64_t valueMask;  // writing: 0 when no bit of the raw value reaches the frame
-    uint64_t insertMask;  // wordMask & valueMask
-    uint64_t beSelect;    // all ones for a Motorola field, else 0
-    uint8_t readShift;   // reading: right shift of the word
-    uint8_t bigEndian;   // 1: operate on the byte-swapped word
-    uint8_t slowRead;    // 1: read byte-wise (a Motorola field starting past the frame)
-    uint8_t writeLeft;   // writing: raw << writeLeft >> writeRight
-    uint8_t writeRight;
-};
-
-// A field of a disjoint message, reduced to a rotation and a mask of the word.
-struct PackedField {
-    const DBC_SIGNAL* sig;
-    uint64_t mask;
-    uint32_t rotate;  // left rotation of the raw value
-};
-
-struct MessageCodec {
-    const char* name = nullptr;  // the message's name, for look-ups that skip the record
-    uint32_t nameLen = 0;
-    CanField* fields = nullptr;  // the message's first CanField
-    uint32_t first = 0;  // its position in the table
-    uint32_t count = 0;
-    int32_t switchIndex = -1;  // first multiplexer switch, signal position
-    bool allWordPath = true;   // every field reads through the word path
-    // No switch and no two fields sharing a bit: the frame can be put together in any
-    // order, from the packed lists below.
-    bool disjoint = false;
-    uint32_t leFirst = 0, leCount = 0;  // packed Intel fields
-    uint32_t beFirst = 0, beCount = 0;  // packed Motorola fields
-    // Signal to try first in a look-up by name: the one after the last hit, since
-    // applications tend to set a message's signals in the same order each time.
-    mutable CanField* next = nullptr;
-};
-
-}  // namespace dbc_detail
-
 class DBC_Decoder {
 public:
     std::vector<DBC_MESSAGE> messages;
@@ -280,10 +95,6 @@ public:
     // Parses text held in memory exactly as the constructor parses a file.
     static void parseText(DBC_Decoder& db, std::string_view text);
 
-    void decodeDBCFile(const std::string& path, const std::string& encoding);
-    void updateAttrValues(const std::string& path, const std::string& encoding);
-
-    DBC_MESSAGE getMessageValues(const std::vector<std::string>& tokens);
     DBC_SIGNAL getSignalValues(const std::vector<std::string>& tokens);
     static std::map<int32_t, std::string> getValueTable(const std::string& text);
     static void setValueType(uint32_t type, DBC_SIGNAL& signal);
@@ -296,15 +107,6 @@ public:
     bool updateSignal(const std::string& messageName, const std::string& signalName,
                       const DBC_SIGNAL& signal);
     void appendSignalValues(const std::vector<std::string>& tokens, DBC_MESSAGE& record);
-
-    static uint32_t GetDoubleQuoteNum(const std::string& text);
-
-    static std::vector<std::string> string_split(const std::string& text, const std::string& separators);
-    static std::vector<std::string> split(const std::string& text, char character);
-    static void string_remove(std::string& text, const std::string& piece);
-    static void string_replace_all(std::string& text, const std::string& from, const std::string& to);
-    static std::string string_join(const std::vector<std::string>& pieces, const std::string& separator);
-    static void trim(std::string& text, const std::string& characters);
 
     // Codec. `data` points at a 64-byte frame data area.
     static uint64_t GetDataMask(uint32_t bits);
@@ -335,7 +137,12 @@ public:
     int findSignal(int message, std::string_view name) const;
 
     // The work of the exported functions on a valid database (results as there).
+    // Setting and reading by name try the message of the last look-up by name and the
+    // signal after the last one found first (both confirmed by comparing the names),
+    // then the name indexes; inline, so that the exported calls run without a further
+    // call in the common case of a message's signals taken in the same order each time.
     int setSignalValue(const char* messageName, const char* signalName, double value);
+    int getSignalValue(const char* messageName, const char* signalName, double* value);
     int syncCANMsgToValue(const CAN_MSG* frames, int count);
     int syncCANFDMsgToValue(const CANFD_MSG* frames, int count);
     int syncValueToCANMsg(const char* messageName, CAN_MSG* frame);
@@ -347,9 +154,11 @@ private:
     friend class Parser;
 
     void build_codec();
+    void add_signal_table(dbc_detail::MessageCodec& c);
     int cached_message(const char* name) const;
     int cached_signal(int message, const char* name) const;
     int set_signal_value_slow(const char* messageName, const char* signalName, double value);
+    int get_signal_value_slow(const char* messageName, const char* signalName, double* value);
     void decode_can(int message, const CAN_MSG& frame);
     void build_can(int message, uint8_t out[8]);
 
@@ -358,7 +167,7 @@ private:
 
     bool codec_ready_ = false;       // fields_ / codecs_ match the lists
     mutable int last_message_ = -1;  // the message found by the last look-up by name
-    mutable dbc_detail::MessageCodec* last_codec_ = nullptr;  // and its codec entry
+    mutable dbc_detail::MessageCodec* last_codec_ = dbc_detail::no_codec();  // and its codec entry
     dbc_detail::HashIndex index_msg_name_;
     dbc_detail::HashIndex index_signal_;
     dbc_detail::HashIndex index_attr_def_;
@@ -366,4 +175,79 @@ private:
     std::vector<dbc_detail::CanField> fields_;
     std::vector<dbc_detail::PackedField> packed_;
     std::vector<dbc_detail::MessageCodec> codecs_;
+    std::vector<dbc_detail::SignalSlot> slots_;  // the messages' signal tables
+    // Signals found by name, by the address of the name (see hint_slot).
+    mutable dbc_detail::Hints hints_ = dbc_detail::no_hints();
 };
+
+namespace dbc_detail {
+
+// The physical value of a signal's raw value, exactly as DBC_Decoder::
+// getSignalRealValue computes it from the record (raw x factor + offset, in the same
+// operations, so the results are the same bit for bit), including its one side
+// effect: a raw value beyond the signal's mask is cut back to it in the record.
+inline double read_physical(const CanField& f) {
+    // Stored back unconditionally: the same value unless it had to be cut, and cheaper
+    // than the test.
+    const uint64_t raw = f.sig->rawValue & f.scale.mask;
+    f.sig->rawValue = raw;
+    if (__builtin_expect(f.readKind == CanField::ReadInteger, 1)) {
+        const int64_t v = static_cast<int64_t>(raw << f.signShift) >> f.signShift;
+        return static_cast<double>(v) * f.scale.factor + f.scale.offset;
+    }
+    switch (f.readKind) {
+        case CanField::ReadUnsigned64: return static_cast<double>(raw) * f.scale.factor + f.scale.offset;
+        case CanField::ReadSingle: {
+            const uint32_t bits = static_cast<uint32_t>(raw);
+            float x;
+            std::memcpy(&x, &bits, sizeof x);
+            return static_cast<double>(x);
+        }
+        case CanField::ReadDouble: {
+            double x;
+            std::memcpy(&x, &raw, sizeof x);
+            return x;
+        }
+        default: return 0;
+    }
+}
+
+// Stores the raw value of a physical one; setting a multiplexed signal also selects
+// its page on the message's switch.
+inline __attribute__((always_inline)) void store_physical(const CanField& f, const MessageCodec& c, double value) {
+    uint64_t raw;
+    if (physical_to_raw(f.scale, value, true, raw)) f.sig->rawValue = raw;
+    if (f.page != UINT32_MAX) c.fields[c.switchIndex].sig->rawValue = f.page;
+}
+
+}  // namespace dbc_detail
+
+// The common case runs without a call: the message of the last look-up by name, and
+// the signal remembered for this name string, both confirmed by their names (see
+// name_is_quick) and the signal also by its message. last_codec_ is a message of the
+// codec tables or no_codec(), and the hints hold signals of the tables or no_field().
+inline __attribute__((always_inline)) int DBC_Decoder::setSignalValue(const char* messageName,
+                                                                      const char* signalName, double value) {
+    const dbc_detail::MessageCodec* c = last_codec_;
+    if (__builtin_expect(dbc_detail::name_is_quick(c->key, messageName), 1)) {
+        const dbc_detail::CanField* f = hints_[dbc_detail::hint_slot(signalName)];
+        if (__builtin_expect(f->owner == c && dbc_detail::name_is_quick(f->key, signalName), 1)) {
+            dbc_detail::store_physical(*f, *c, value);
+            return 0;
+        }
+    }
+    return set_signal_value_slow(messageName, signalName, value);
+}
+
+inline __attribute__((always_inline)) int DBC_Decoder::getSignalValue(const char* messageName,
+                                                                      const char* signalName, double* value) {
+    const dbc_detail::MessageCodec* c = last_codec_;
+    if (__builtin_expect(dbc_detail::name_is_quick(c->key, messageName), 1)) {
+        const dbc_detail::CanField* f = hints_[dbc_detail::hint_slot(signalName)];
+        if (__builtin_expect(f->owner == c && dbc_detail::name_is_quick(f->key, signalName), 1)) {
+            *value = dbc_detail::read_physical(*f);
+            return 0;
+        }
+    }
+    return get_signal_value_slow(messageName, signalName, value);
+}

@@ -1,0 +1,197 @@
+// The codec tables of a DBC database: per message and per signal, what the frame
+// paths and the look-ups by name need, laid out for them and rebuilt from the
+// records by DBC_Decoder::reindex().
+#pragma once
+
+#include <array>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "database/dbc_index.h"
+
+struct DBC_SIGNAL;
+
+namespace dbc_detail {
+
+// A signal's conversion parameters, copied next to its codec entry so that setting a
+// value by name does not have to reach into the record for them.
+struct Scale {
+    double minimum;
+    double maximum;
+    double offset;
+    double factor;
+    double inverse;  // 1 / factor when that is exact (a power of two), else 0
+    uint64_t mask;     // GetDataMask(length)
+    uint64_t rawMask;  // mask for signed signals, all ones for unsigned ones
+    uint32_t isSigned;
+    enum Kind : uint32_t { Integer, Single, Double, None } kind;
+};
+
+// One signal prepared for the word-wide CAN path. The 8 data bytes are handled as
+// one 64-bit word: little-endian for Intel fields, byte-swapped for Motorola
+// fields, in which a Motorola field is a run of consecutive bits.
+struct MessageCodec;
+
+struct CanField {
+    NameKey key;  // the signal's name; only the first signal of a name matches
+    Scale scale;
+    DBC_SIGNAL* sig;
+    const MessageCodec* owner;  // the message's codec entry
+    uint32_t page;     // multiplexed signal: its switch value; else UINT32_MAX
+    uint64_t mask;       // reading: value mask of the signal length (0: outside the frame)
+    uint64_t wordMask;   // writing: the field's bits in the word
+    uint64_t valueMask;  // writing: 0 when no bit of the raw value reaches the frame
+    uint64_t insertMask;  // wordMask & valueMask
+    uint8_t readShift;   // reading: right shift of the word
+    uint8_t bigEndian;   // 1: operate on the byte-swapped word
+    uint8_t slowRead;    // 1: read byte-wise (a Motorola field starting past the frame)
+    uint8_t writeLeft;   // writing: raw << writeLeft >> writeRight
+    uint8_t writeRight;
+    // How a raw value reads as a physical one. Only isSigned 1 makes a signal signed,
+    // and only a signed signal reads its raw bits as a float or double.
+    //   ReadInteger: signed integers, and unsigned ones shorter than 64 bits (whose raw
+    //                values read the same as signed 64-bit integers)
+    //   ReadUnsigned64: unsigned signals of 64 bits or more
+    enum ReadKind : uint8_t { ReadInteger, ReadUnsigned64, ReadSingle, ReadDouble, ReadZero } readKind;
+    uint8_t signShift;  // ReadInteger: 64 - length for a signed signal, so that << and
+                        // >> extend the sign; 0 otherwise
+};
+
+// One slot of a message's table of signals by name: the name hash's upper half and
+// the signal's position (UINT32_MAX: empty).
+struct SignalSlot {
+    uint32_t tag;
+    uint32_t field;
+};
+
+// A field of a disjoint message, reduced to a rotation and a mask of the word.
+struct PackedField {
+    const DBC_SIGNAL* sig;
+    uint64_t mask;
+    uint32_t rotate;  // left rotation of the raw value
+};
+
+struct MessageCodec {
+    NameKey key{};               // the message's name; only the first of a name matches
+    CanField* fields = nullptr;  // the message's first CanField
+    CanField* end = nullptr;     // and one past its last
+    // Signals by name: open addressing, at most half full, so that probe chains stay
+    // short; slotMask + 1 slots from `slots`.
+    const SignalSlot* slots = nullptr;
+    uint32_t slotFirst = 0;
+    uint32_t slotMask = 0;
+    uint32_t first = 0;  // its position in the table
+    uint32_t count = 0;
+    int32_t switchIndex = -1;  // first multiplexer switch, signal position
+    bool allWordPath = true;   // every field reads through the word path
+    // No switch and no two fields sharing a bit: the frame can be put together in any
+    // order, from the packed lists below.
+    bool disjoint = false;
+    uint32_t leFirst = 0, leCount = 0;  // packed Intel fields
+    uint32_t beFirst = 0, beCount = 0;  // packed Motorola fields
+    // Signal to try first in a look-up by name: the one after the last hit, since
+    // applications tend to set and read a message's signals in the same order each
+    // time. A message without signals points at no_field().
+    mutable CanField* next = nullptr;
+};
+
+// Where a look-up by a signal's name remembers what it found: a slot chosen by the
+// address of the caller's name string. Applications pass the same strings (mostly
+// literals) again and again, so the slot usually holds the right signal at once;
+// the signal is then confirmed by its name and message, never taken on the address.
+// Unlike "the signal after the last one", the slot is not rewritten by every hit, so
+// successive calls do not wait on each other. The slot is the address's low bits:
+// they do not change with where the program is loaded, and strings that lie close
+// together, as a program's literals do, never share a slot.
+constexpr unsigned kHintBits = 10;
+inline size_t hint_slot(const char* name) {
+    return static_cast<size_t>(reinterpret_cast<uintptr_t>(name) & ((uintptr_t{1} << kHintBits) - 1));
+}
+
+// Stand-ins whose names match no C string: the signal a message without signals
+// offers first, and the message a database offers before any look-up by name. They
+// spare the fast paths the tests for "none".
+CanField* no_field();
+MessageCodec* no_codec();
+
+using Hints = std::array<CanField*, (size_t{1} << kHintBits)>;
+Hints no_hints();  // every slot no_field()
+
+// The conversion parameters of a signal as the codec tables hold them.
+Scale scale_of(const DBC_SIGNAL& s);
+
+// Truncating conversions with the out-of-range cases defined: NaN gives 0, values
+// beyond the range saturate, and a negative value converted to unsigned wraps to
+// two's complement.
+inline __attribute__((always_inline)) int64_t to_i64(double x) {
+    if (x > -9223372036854775808.0 && x < 9223372036854775808.0) return static_cast<int64_t>(x);
+    if (std::isnan(x)) return 0;
+    if (x >= 9223372036854775808.0) return INT64_MAX;
+    if (x < -9223372036854775808.0) return INT64_MIN;
+    return static_cast<int64_t>(x);
+}
+
+inline __attribute__((always_inline)) uint64_t to_u64(double x) {
+    if (x >= 0 && x < 9223372036854775808.0) return static_cast<uint64_t>(static_cast<int64_t>(x));
+    if (std::isnan(x)) return 0;
+    if (x >= 18446744073709551616.0) return UINT64_MAX;
+    if (x >= 0) return static_cast<uint64_t>(x);
+    return static_cast<uint64_t>(to_i64(x));
+}
+
+inline uint32_t float_bits(double v) {
+    float f;
+    if (std::isfinite(v) && std::fabs(v) > FLT_MAX) {
+        // Round to nearest: only values from FLT_MAX + half an ulp on become infinite.
+        bool inf = std::fabs(v) >= static_cast<double>(FLT_MAX) + std::ldexp(1.0, 103);
+        f = inf ? HUGE_VALF : FLT_MAX;
+        if (v < 0) f = -f;
+    } else {
+        f = static_cast<float>(v);
+    }
+    uint32_t bits;
+    std::memcpy(&bits, &f, sizeof bits);
+    return bits;
+}
+
+inline uint64_t double_bits(double v) {
+    uint64_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return bits;
+}
+
+// The raw value for a physical value: clamped to [minimum, maximum] when `clamp`,
+// then scaled and rounded (integers) or taken bit for bit (signed float / double).
+// Returns false when the value type stores nothing.
+inline __attribute__((always_inline)) bool physical_to_raw(const Scale& c, double value, bool clamp,
+                                                           uint64_t& raw) {
+    if (clamp) {
+        if (value > c.maximum) value = c.maximum;
+        if (value < c.minimum) value = c.minimum;
+    }
+    if (c.kind == Scale::Integer) {
+        const double x = c.inverse != 0 ? (value - c.offset) * c.inverse : (value - c.offset) / c.factor;
+        // Nearest integer, halves away from zero (the conversion below truncates).
+        const double r = x + std::copysign(0.49999999999999994, x);
+        // Unsigned signals keep the whole value; signed ones are cut to their length
+        // (rawMask). Within +-2^63 both conversions are the plain truncation.
+        if (std::fabs(r) < 9223372036854775808.0)
+            raw = static_cast<uint64_t>(static_cast<int64_t>(r)) & c.rawMask;
+        else
+            raw = (c.isSigned != 1 ? to_u64(r) : static_cast<uint64_t>(to_i64(r))) & c.rawMask;
+        return true;
+    }
+    if (c.kind == Scale::Single) {
+        raw = float_bits(value);
+        return true;
+    }
+    if (c.kind == Scale::Double) {
+        raw = double_bits(value);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace dbc_detail
