@@ -114,13 +114,17 @@ void Adapter::dispatch(Frame frame) {
 
 bool Adapter::take_fault(uint32_t command, Fault& fault) {
     std::lock_guard<std::mutex> g(mutex_);
+    // Every armed fault counts the commands it waits for; the first one due fires.
+    auto due = faults_.end();
     for (auto it = faults_.begin(); it != faults_.end(); ++it) {
         if (it->command != kAnyCommand && it->command != command) continue;
-        fault = it->fault;
-        if (--it->count <= 0) faults_.erase(it);
-        return true;
+        if (it->skip > 0) --it->skip;
+        else if (due == faults_.end()) due = it;
     }
-    return false;
+    if (due == faults_.end()) return false;
+    fault = due->fault;
+    if (--due->count <= 0) faults_.erase(due);
+    return true;
 }
 
 void Adapter::answer(uint32_t command, const std::vector<uint8_t>& payload) {
@@ -170,6 +174,27 @@ void Adapter::answer(uint32_t command, const std::vector<uint8_t>& payload) {
         case Fault::UnplugBefore:
             unplug_later();
             return;
+        case Fault::ReplugElsewhere:
+            UsbHost::instance().defer([self] {
+                if (auto a = self.lock()) a->replug(true);
+            });
+            return;
+        case Fault::Garbage: {
+            // Deterministic noise: the same fault gives the same bytes in every run.
+            uint32_t x = 0x9E3779B9u ^ command;
+            auto next = [&x] {
+                x ^= x << 13;
+                x ^= x >> 17;
+                x ^= x << 5;
+                return uint8_t(x);
+            };
+            std::vector<uint8_t> head(8), body(payload.size() + 8);
+            for (auto& b : head) b = next();
+            for (auto& b : body) b = next();
+            transfers.push_back(std::move(head));
+            transfers.push_back(std::move(body));
+            break;
+        }
         case Fault::UnplugDuring:
             transfers.push_back(header_of(command, static_cast<uint32_t>(payload.size() + 64)));
             UsbHost::instance().queue_in(port, std::move(transfers));
@@ -215,9 +240,9 @@ void Adapter::timer_loop() {
     }
 }
 
-void Adapter::inject(Fault fault, uint32_t command, int count) {
+void Adapter::inject(Fault fault, uint32_t command, int count, int skip) {
     std::lock_guard<std::mutex> g(mutex_);
-    faults_.push_back({fault, command, count});
+    faults_.push_back({fault, command, count, skip});
 }
 
 void Adapter::clear_faults() {
@@ -270,10 +295,10 @@ Simulator& Simulator::instance() {
     return sim;
 }
 
-std::shared_ptr<Adapter> Simulator::add(AdapterConfig config) {
+std::shared_ptr<Adapter> Simulator::add(AdapterConfig config, bool plug) {
     auto adapter = std::make_shared<Adapter>(std::move(config));
     install_models(*adapter);
-    adapter->plug();
+    if (plug) adapter->plug();
     std::lock_guard<std::mutex> g(mutex_);
     adapters_.push_back(adapter);
     return adapter;
