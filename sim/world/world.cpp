@@ -348,7 +348,7 @@ WorldPlan parse_world(const std::string& text, const std::string& path) {
             Table t(*items[i], path, kind->key + " #" + std::to_string(i + 1));
             auto piece = kind->read(t, ctx);
             t.finish();
-            if (piece) plan.pieces_.push_back(std::move(piece));
+            if (piece) plan.pieces_.push_back({kind->rank, std::move(piece)});
         }
     }
     plan.adapters_ = ctx.names("adapter").size();
@@ -366,11 +366,16 @@ WorldPlan load_world(const std::string& path) {
 
 std::unique_ptr<Bench> WorldPlan::build() const {
     auto bench = std::make_unique<Bench>();
-    for (auto& p : pieces_) p->apply(*bench);
+    for (auto& [rank, p] : pieces_) p->apply(*bench);
     bench->set_start_ns(std::chrono::duration_cast<std::chrono::nanoseconds>(
                             std::chrono::steady_clock::now().time_since_epoch())
                             .count());
-    for (auto& p : pieces_) p->start(*bench);
+    // libusb lists the newest device first: plugging the adapters last to first lets a
+    // scan find them in file order.
+    for (auto it = pieces_.rbegin(); it != pieces_.rend(); ++it)
+        if (it->first == kRankAdapters) it->second->start(*bench);
+    for (auto& [rank, p] : pieces_)
+        if (rank != kRankAdapters) p->start(*bench);
     return bench;
 }
 

@@ -215,7 +215,7 @@ public:
 private:
     friend WorldPlan load_world(const std::string& path);
     friend WorldPlan parse_world(const std::string& text, const std::string& path);
-    std::vector<std::shared_ptr<Piece>> pieces_;
+    std::vector<std::pair<int, std::shared_ptr<Piece>>> pieces_;  // rank, piece
     size_t adapters_ = 0;
 };
 
