@@ -180,18 +180,20 @@ void Adapter::answer(uint32_t command, const std::vector<uint8_t>& payload) {
             });
             return;
         case Fault::Garbage: {
-            // Deterministic noise: the same fault gives the same bytes in every run.
+            // Deterministic noise under another command code; the length is the one
+            // thing that holds, so a host can drain it and stay in step.
             uint32_t x = 0x9E3779B9u ^ command;
             auto next = [&x] {
                 x ^= x << 13;
                 x ^= x >> 17;
                 x ^= x << 5;
-                return uint8_t(x);
+                return x;
             };
-            std::vector<uint8_t> head(8), body(payload.size() + 8);
-            for (auto& b : head) b = next();
-            for (auto& b : body) b = next();
-            transfers.push_back(std::move(head));
+            std::vector<uint8_t> body(payload.size() + 8);
+            for (auto& b : body) b = uint8_t(next());
+            uint32_t code = next();
+            if (code == command) code ^= 0x5A5A5A5Au;
+            transfers.push_back(header_of(code, static_cast<uint32_t>(body.size())));
             transfers.push_back(std::move(body));
             break;
         }

@@ -75,7 +75,7 @@ enum class Fault {
     UnplugBefore,    // the adapter disappears instead of answering
     UnplugDuring,    // the header comes, then the adapter disappears
     EmptyPayload,    // the answer announces and carries no payload at all
-    Garbage,         // a header and payload of pseudo-random bytes instead of the answer
+    Garbage,         // pseudo-random bytes under another command code (announced length holds)
     ReplugElsewhere, // the adapter disappears instead of answering and comes back at a new address
 };
 
