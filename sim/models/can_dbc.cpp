@@ -1,9 +1,10 @@
 #include "can_dbc.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 namespace polybus_sim {
@@ -46,85 +47,178 @@ bool read_dbc(const std::string& path, DbcFile& out, int& line, std::string& err
     return parse_dbc(text, out, line, error);
 }
 
+namespace {
+
+// A cursor over one line of a DBC file.
+struct Cursor {
+    const std::string& s;
+    size_t i = 0;
+    void skip() {
+        while (i < s.size() && (s[i] == ' ' || s[i] == '\t')) ++i;
+    }
+    bool eat(char c) {
+        skip();
+        if (i < s.size() && s[i] == c) {
+            ++i;
+            return true;
+        }
+        return false;
+    }
+    std::string word() {  // up to white space or one of the DBC punctuation marks
+        skip();
+        const size_t b = i;
+        while (i < s.size() && s[i] != ' ' && s[i] != '\t' && s[i] != ':' && s[i] != '|' && s[i] != '@' &&
+               s[i] != '(' && s[i] != ')' && s[i] != ',' && s[i] != '[' && s[i] != ']' && s[i] != ';')
+            ++i;
+        return s.substr(b, i - b);
+    }
+    bool unsigned_number(unsigned long long& v) {
+        const std::string w = word();
+        if (w.empty() || w.find_first_not_of("0123456789") != std::string::npos || w.size() > 19) return false;
+        v = std::strtoull(w.c_str(), nullptr, 10);
+        return true;
+    }
+    bool real(double& v) {
+        const std::string w = word();
+        char* end = nullptr;
+        v = std::strtod(w.c_str(), &end);
+        return !w.empty() && *end == '\0';
+    }
+};
+
+bool identifier(const std::string& w) {
+    if (w.empty() || std::isdigit(static_cast<unsigned char>(w[0]))) return false;
+    for (char c : w)
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_') return false;
+    return true;
+}
+
+// BO_ ID NAME: LENGTH [SENDER]
+bool read_message(const std::string& line, DbcMessage& msg, uint32_t& raw_id, std::string& error) {
+    Cursor c{line};
+    c.word();  // BO_
+    unsigned long long id = 0, length = 0;
+    if (!c.unsigned_number(id) || id > 0xFFFFFFFFull) return (error = "malformed BO_ line: identifier"), false;
+    msg.name = c.word();
+    if (!identifier(msg.name) || !c.eat(':') || !c.unsigned_number(length))
+        return (error = "malformed BO_ line: expected NAME: LENGTH"), false;
+    if (length > 64) return (error = "message '" + msg.name + "' is longer than 64 bytes"), false;
+    raw_id = uint32_t(id);
+    msg.extended = (id & 0x80000000ull) != 0 || (id & 0x1FFFFFFFull) > 0x7FF;
+    msg.id = uint32_t(id & 0x1FFFFFFFull);
+    msg.length = unsigned(length);
+    return true;
+}
+
+// SG_ NAME [M|mN] : START|LENGTH@ORDER SIGN (FACTOR,OFFSET) [MIN|MAX] "UNIT" RECEIVERS
+bool read_signal(const std::string& line, DbcSignal& s, std::string& error) {
+    Cursor c{line};
+    c.word();  // SG_
+    s.name = c.word();
+    if (!identifier(s.name)) return (error = "malformed SG_ line: signal name"), false;
+    c.skip();
+    if (c.i < line.size() && line[c.i] != ':') {
+        const std::string mux = c.word();
+        if (mux == "M") {
+            s.mux = DbcSignal::Mux::Switch;
+        } else if (mux.size() > 1 && mux[0] == 'm' && mux.find_first_not_of("0123456789", 1) == std::string::npos) {
+            s.mux = DbcSignal::Mux::Multiplexed;
+            s.mux_value = unsigned(std::strtoul(mux.c_str() + 1, nullptr, 10));
+        } else {
+            return (error = "malformed SG_ line: multiplexer '" + mux + "'"), false;
+        }
+    }
+    unsigned long long start = 0, length = 0;
+    if (!c.eat(':') || !c.unsigned_number(start) || !c.eat('|') || !c.unsigned_number(length) || !c.eat('@'))
+        return (error = "malformed SG_ line: expected ': START|LENGTH@'"), false;
+    if (c.i + 1 >= line.size() || (line[c.i] != '0' && line[c.i] != '1') || (line[c.i + 1] != '+' && line[c.i + 1] != '-'))
+        return (error = "malformed SG_ line: byte order must be 0 or 1, sign + or -"), false;
+    s.intel = line[c.i] == '1';
+    s.is_signed = line[c.i + 1] == '-';
+    c.i += 2;
+    if (!c.eat('(') || !c.real(s.factor) || !c.eat(',') || !c.real(s.offset) || !c.eat(')'))
+        return (error = "malformed SG_ line: expected (FACTOR,OFFSET)"), false;
+    if (!c.eat('[') || !c.real(s.minimum) || !c.eat('|') || !c.real(s.maximum) || !c.eat(']'))
+        return (error = "malformed SG_ line: expected [MIN|MAX]"), false;
+    if (!c.eat('"') || line.find('"', c.i) == std::string::npos)
+        return (error = "malformed SG_ line: expected the unit in double quotes"), false;
+    if (s.factor == 0) return (error = "signal '" + s.name + "' has a bad factor"), false;
+    if (length < 1 || length > 64) return (error = "signal '" + s.name + "' must be 1 to 64 bits long"), false;
+    s.start = unsigned(std::min<unsigned long long>(start, 1u << 20));
+    s.length = unsigned(length);
+    return true;
+}
+
+// The value of BA_ "GenMsgCycleTime" BO_ ID VALUE; (is_default false) or of
+// BA_DEF_DEF_ "GenMsgCycleTime" VALUE; (true). Other attributes: false.
+bool read_cycle(const std::string& line, bool is_default, uint32_t& raw_id, int& ms) {
+    std::istringstream in(line);
+    std::string head, name, object, id, value;
+    in >> head >> name;
+    if (name != "\"GenMsgCycleTime\"") return false;
+    if (!is_default) {
+        in >> object >> id;
+        if (object != "BO_" || id.empty() || id.find_first_not_of("0123456789") != std::string::npos) return false;
+        raw_id = uint32_t(std::strtoull(id.c_str(), nullptr, 10));
+    }
+    in >> value;
+    while (!value.empty() && value.back() == ';') value.pop_back();
+    char* end = nullptr;
+    const double v = std::strtod(value.c_str(), &end);
+    if (value.empty() || *end != '\0') return false;
+    ms = v < 0 ? 0 : v > 3600000 ? 3600000 : int(v);
+    return true;
+}
+
+}  // namespace
+
 bool parse_dbc(const std::string& text, DbcFile& out, int& line, std::string& error) {
-    static const std::regex bo(R"(^\s*BO_\s+(\d+)\s+([A-Za-z_][A-Za-z0-9_]*)\s*:\s*(\d+)(\s+\S+)?\s*$)");
-    static const std::regex sg(
-        R"(^\s*SG_\s+([A-Za-z_][A-Za-z0-9_]*)\s*(M|m\d+)?\s*:\s*(\d+)\|(\d+)@([01])([+-])\s*\(\s*([^,\s]+)\s*,\s*([^)\s]+)\s*\)\s*\[\s*([^|\s]+)\s*\|\s*([^\]\s]+)\s*\]\s*"[^"]*".*$)");
-    static const std::regex cycle(R"(^\s*BA_\s+"GenMsgCycleTime"\s+BO_\s+(\d+)\s+([-+0-9.eE]+)\s*;\s*$)");
-    static const std::regex cycle_default(R"(^\s*BA_DEF_DEF_\s+"GenMsgCycleTime"\s+([-+0-9.eE]+)\s*;\s*$)");
     DbcFile file;
     std::istringstream in(text);
     std::string l;
     line = 0;
-    auto fail = [&](const std::string& what) {
-        error = what;
-        return false;
-    };
     std::vector<std::pair<uint32_t, int>> cycles;  // raw BO_ id, cycle (ms)
     std::vector<uint32_t> raw_ids;
     while (std::getline(in, l)) {
         ++line;
         if (!l.empty() && l.back() == '\r') l.pop_back();
-        std::smatch m;
         const size_t first = l.find_first_not_of(" \t");
         if (first == std::string::npos) continue;
         const std::string head = l.substr(first, l.find_first_of(" \t", first) - first);
         if (head == "BO_") {
-            if (!std::regex_match(l, m, bo)) return fail("malformed BO_ line");
             DbcMessage msg;
-            const unsigned long long raw = std::strtoull(m[1].str().c_str(), nullptr, 10);
-            if (raw > 0xFFFFFFFFull) return fail("message identifier out of range");
-            msg.extended = (raw & 0x80000000ull) != 0 || (raw & 0x1FFFFFFFull) > 0x7FF;
-            msg.id = uint32_t(raw & 0x1FFFFFFFull);
-            msg.name = m[2];
-            msg.length = unsigned(std::strtoul(m[3].str().c_str(), nullptr, 10));
-            if (msg.length > 64) return fail("message '" + msg.name + "' is longer than 64 bytes");
+            uint32_t raw = 0;
+            if (!read_message(l, msg, raw, error)) return false;
             file.messages.push_back(msg);
-            raw_ids.push_back(uint32_t(raw));
+            raw_ids.push_back(raw);
         } else if (head == "SG_") {
-            if (file.messages.empty()) return fail("SG_ line before any BO_ line");
-            if (!std::regex_match(l, m, sg)) return fail("malformed SG_ line");
+            if (file.messages.empty()) return (error = "SG_ line before any BO_ line"), false;
             DbcSignal s;
-            s.name = m[1];
-            const std::string mux = m[2];
-            if (mux == "M") s.mux = DbcSignal::Mux::Switch;
-            else if (!mux.empty()) {
-                s.mux = DbcSignal::Mux::Multiplexed;
-                s.mux_value = unsigned(std::strtoul(mux.c_str() + 1, nullptr, 10));
-            }
-            s.start = unsigned(std::strtoul(m[3].str().c_str(), nullptr, 10));
-            s.length = unsigned(std::strtoul(m[4].str().c_str(), nullptr, 10));
-            s.intel = m[5] == "1";
-            s.is_signed = m[6] == "-";
-            char* end = nullptr;
-            s.factor = std::strtod(m[7].str().c_str(), &end);
-            if (*end != '\0' || s.factor == 0) return fail("signal '" + s.name + "' has a bad factor");
-            s.offset = std::strtod(m[8].str().c_str(), &end);
-            if (*end != '\0') return fail("signal '" + s.name + "' has a bad offset");
-            s.minimum = std::strtod(m[9].str().c_str(), nullptr);
-            s.maximum = std::strtod(m[10].str().c_str(), nullptr);
+            if (!read_signal(l, s, error)) return false;
             DbcMessage& msg = file.messages.back();
-            if (s.length < 1 || s.length > 64) return fail("signal '" + s.name + "' must be 1 to 64 bits long");
             // Every bit must land inside the message.
             unsigned pos = s.start;
             for (unsigned i = 0; i < s.length; ++i) {
                 if (pos >= msg.length * 8)
-                    return fail("signal '" + s.name + "' does not fit in message '" + msg.name + "' (" +
-                                std::to_string(msg.length) + " bytes)");
+                    return (error = "signal '" + s.name + "' does not fit in message '" + msg.name + "' (" +
+                                    std::to_string(msg.length) + " bytes)"),
+                           false;
                 if (i + 1 < s.length) pos = s.intel ? pos + 1 : motorola_next(pos);
             }
             msg.signals.push_back(s);
         } else if (head == "BA_DEF_DEF_") {
-            if (std::regex_match(l, m, cycle_default)) file.default_cycle_ms = int(std::strtod(m[1].str().c_str(), nullptr));
+            uint32_t unused = 0;
+            int ms = 0;
+            if (read_cycle(l, true, unused, ms)) file.default_cycle_ms = ms;
         } else if (head == "BA_") {
-            if (std::regex_match(l, m, cycle))
-                cycles.push_back({uint32_t(std::strtoull(m[1].str().c_str(), nullptr, 10)),
-                                  int(std::strtod(m[2].str().c_str(), nullptr))});
+            uint32_t raw = 0;
+            int ms = 0;
+            if (read_cycle(l, false, raw, ms)) cycles.push_back({raw, ms});
         }
     }
     for (auto& [raw, ms] : cycles)
         for (size_t i = 0; i < file.messages.size(); ++i)
-            if (raw_ids[i] == raw) file.messages[i].cycle_ms = ms < 0 ? 0 : ms;
+            if (raw_ids[i] == raw) file.messages[i].cycle_ms = ms;
     out = std::move(file);
     return true;
 }
