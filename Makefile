@@ -1,11 +1,11 @@
-# Quick start:  make demo   (runs the demo against a simulated adapter)
+# Quick start:  make demo   (runs the demo against a simulated world, examples/worlds/)
 #               make test   (builds and runs every test, also under sanitizers)
 # Both install the Debian packages they need when missing (as root, with apt-get).
 
 BUILD ?= build
 JOBS ?= $(shell nproc)
 PACKAGES = cmake g++ make pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libglib2.0-dev \
-           libgtest-dev valgrind clang
+           libgtest-dev valgrind clang libtomlplusplus-dev
 CMAKE_FLAGS ?=
 
 .PHONY: all deps build demo test test-plain test-asan test-tsan bench fuzz install clean
@@ -27,8 +27,9 @@ $(BUILD)/CMakeCache.txt: | deps
 build: deps $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j$(JOBS)
 
+WORLD ?= examples/worlds/two_adapters.toml
 demo: build
-	$(BUILD)/polybus-sim -- $(BUILD)/polybus-demo
+	$(BUILD)/polybus-sim --world $(WORLD) -- $(BUILD)/polybus-demo examples/worlds/powertrain.dbc
 
 test: test-plain test-asan test-tsan
 

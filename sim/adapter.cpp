@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <pthread.h>
 #include <stdexcept>
 
 #include "wire/device.h"
@@ -125,13 +126,17 @@ void Adapter::dispatch(Frame frame) {
 
 bool Adapter::take_fault(uint32_t command, Fault& fault) {
     std::lock_guard<std::mutex> g(mutex_);
+    // Every armed fault counts the commands it waits for; the first one due fires.
+    auto due = faults_.end();
     for (auto it = faults_.begin(); it != faults_.end(); ++it) {
         if (it->command != kAnyCommand && it->command != command) continue;
-        fault = it->fault;
-        if (--it->count <= 0) faults_.erase(it);
-        return true;
+        if (it->skip > 0) --it->skip;
+        else if (due == faults_.end()) due = it;
     }
-    return false;
+    if (due == faults_.end()) return false;
+    fault = due->fault;
+    if (--due->count <= 0) faults_.erase(due);
+    return true;
 }
 
 void Adapter::answer(uint32_t command, const std::vector<uint8_t>& payload) {
@@ -181,6 +186,29 @@ void Adapter::answer(uint32_t command, const std::vector<uint8_t>& payload) {
         case Fault::UnplugBefore:
             unplug_later();
             return;
+        case Fault::ReplugElsewhere:
+            UsbHost::instance().defer([self] {
+                if (auto a = self.lock()) a->replug(true);
+            });
+            return;
+        case Fault::Garbage: {
+            // Deterministic noise under another command code; the length is the one
+            // thing that holds, so a host can drain it and stay in step.
+            uint32_t x = 0x9E3779B9u ^ command;
+            auto next = [&x] {
+                x ^= x << 13;
+                x ^= x >> 17;
+                x ^= x << 5;
+                return x;
+            };
+            std::vector<uint8_t> body(payload.size() + 8);
+            for (auto& b : body) b = uint8_t(next());
+            uint32_t code = next();
+            if (code == command) code ^= 0x5A5A5A5Au;
+            transfers.push_back(header_of(code, static_cast<uint32_t>(body.size())));
+            transfers.push_back(std::move(body));
+            break;
+        }
         case Fault::UnplugDuring:
             transfers.push_back(header_of(command, static_cast<uint32_t>(payload.size() + 64)));
             UsbHost::instance().queue_in(port, std::move(transfers));
@@ -204,6 +232,8 @@ void Adapter::after(std::chrono::microseconds delay, std::function<void()> fn) {
 }
 
 void Adapter::timer_loop() {
+    // Named, so a profile (or the world benchmark) tells the models' time from the host's.
+    pthread_setname_np(pthread_self(), "sim-timer");
     std::unique_lock<std::mutex> lk(timer_mutex_);
     while (!stopping_) {
         if (timers_.empty()) {
@@ -226,9 +256,9 @@ void Adapter::timer_loop() {
     }
 }
 
-void Adapter::inject(Fault fault, uint32_t command, int count) {
+void Adapter::inject(Fault fault, uint32_t command, int count, int skip) {
     std::lock_guard<std::mutex> g(mutex_);
-    faults_.push_back({fault, command, count});
+    faults_.push_back({fault, command, count, skip});
 }
 
 void Adapter::clear_faults() {
@@ -281,10 +311,10 @@ Simulator& Simulator::instance() {
     return sim;
 }
 
-std::shared_ptr<Adapter> Simulator::add(AdapterConfig config) {
+std::shared_ptr<Adapter> Simulator::add(AdapterConfig config, bool plug) {
     auto adapter = std::make_shared<Adapter>(std::move(config));
     install_models(*adapter);
-    adapter->plug();
+    if (plug) adapter->plug();
     std::lock_guard<std::mutex> g(mutex_);
     adapters_.push_back(adapter);
     return adapter;

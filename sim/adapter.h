@@ -75,6 +75,8 @@ enum class Fault {
     UnplugBefore,    // the adapter disappears instead of answering
     UnplugDuring,    // the header comes, then the adapter disappears
     EmptyPayload,    // the answer announces and carries no payload at all
+    Garbage,         // pseudo-random bytes under another command code (announced length holds)
+    ReplugElsewhere, // the adapter disappears instead of answering and comes back at a new address
 };
 
 class Adapter;
@@ -122,8 +124,9 @@ public:
     }
 
     // --- test side ---
-    // Arms a fault for the next `count` commands with this code (0xFFFFFFFF: any).
-    void inject(Fault fault, uint32_t command = kAnyCommand, int count = 1);
+    // Arms a fault for the next `count` commands with this code (0xFFFFFFFF: any),
+    // after letting `skip` of them through untouched (skip 4: the 5th one is hit).
+    void inject(Fault fault, uint32_t command = kAnyCommand, int count = 1, int skip = 0);
     void clear_faults();
     // Commands seen, in order (for tests that check what reached the adapter).
     std::vector<Frame> received();
@@ -160,6 +163,7 @@ private:
         Fault fault;
         uint32_t command;
         int count;
+        int skip;
     };
     std::vector<Armed> faults_;
     std::atomic<int64_t> epoch_ns_{0};
@@ -179,7 +183,8 @@ private:
 class Simulator {
 public:
     static Simulator& instance();
-    std::shared_ptr<Adapter> add(AdapterConfig config = {});
+    // plug false: the adapter is created with its models but plugged later (plug()).
+    std::shared_ptr<Adapter> add(AdapterConfig config = {}, bool plug = true);
     void remove(const std::shared_ptr<Adapter>& adapter);
     void remove_all();
     std::vector<std::shared_ptr<Adapter>> adapters();

@@ -65,15 +65,21 @@ CanBus::Result CanBus::transmit(const BusNode* sender, const BusFrame& frame, in
     for (auto& w : nodes_) {
         auto node = w.lock();
         if (!node || node.get() == sender) continue;
-        if (!same_rate(node->nominal_bps(), nominal)) continue;
+        const uint32_t rate = node->nominal_bps();
+        if (!same_rate(rate, nominal)) {
+            if (rate != 0) node->bus_error(r.end_ns);
+            continue;
+        }
         if (frame.fd && !node->fd_capable()) continue;
         if (frame.fd && frame.brs && !same_rate(node->data_bps() ? node->data_bps() : node->nominal_bps(),
                                                  data ? data : nominal))
             continue;
         receivers.push_back(std::move(node));
     }
-    r.acknowledged = !receivers.empty();
-    for (auto& node : receivers) node->receive(frame, r.end_ns);
+    for (auto& node : receivers) {
+        if (node->acknowledges()) r.acknowledged = true;
+        node->receive(frame, r.end_ns);
+    }
     return r;
 }
 

@@ -1,6 +1,8 @@
 // A simulated CAN bus: nodes (adapter channels, peers) attach to it, frames take the
 // time their bits take at the sender's bit rate, one frame at a time, and every other
-// node that listens at the same bit rate acknowledges and receives them.
+// node that listens at the same bit rate acknowledges and receives them. A node at
+// another bit rate only counts the frame as an error; it does not destroy it for the
+// others (a real bus would see it destroyed by error flags and repeated).
 #pragma once
 
 #include <chrono>
@@ -45,6 +47,11 @@ public:
     // A frame this node acknowledged, ending at `end_ns`. Called with the bus locked, in
     // bus order; it must not transmit from here (schedule a reply instead).
     virtual void receive(const BusFrame& frame, int64_t end_ns) = 0;
+    // False for a node that only listens: it takes frames but gives no acknowledge bit.
+    virtual bool acknowledges() const { return true; }
+    // A frame ended on the bus at a bit rate this node is not set to: it saw stuff
+    // errors and flagged them. Called with the bus locked, like receive().
+    virtual void bus_error(int64_t end_ns) { (void)end_ns; }
 };
 
 class CanBus {

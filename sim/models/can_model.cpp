@@ -126,6 +126,16 @@ public:
         ++received;
     }
 
+    // Another node's frame at a bit rate this controller is not set to: it sees stuff
+    // errors, flags them and counts one receive error each time.
+    void bus_error(int64_t) override {
+        std::lock_guard<std::mutex> g(model_.mutex_);
+        if (!initialised) return;
+        if (rec < 128) ++rec;
+        lec = 1;  // stuff error
+        ++bus_errors;
+    }
+
     // Called with the model locked.
     bool accepts(const BusFrame& f) const {
         bool any = false;
@@ -194,7 +204,7 @@ public:
     uint32_t status_word = 0;
     bool diag_set = false;
     std::array<uint8_t, 8> diag{};
-    uint64_t sent = 0, received = 0;
+    uint64_t sent = 0, received = 0, bus_errors = 0;
     std::vector<Tx> tx;  // transmitted frames of the last CAN FD send request
     unsigned tx_total = 0;
     int64_t abort_ns = LLONG_MAX;
@@ -284,9 +294,44 @@ void CanPeer::periodic(BusFrame frame, int64_t period_us, int remaining, uint32_
     });
 }
 
+void CanPeer::transmit_every(std::function<BusFrame(uint64_t, int64_t)> make, int64_t period_us, int64_t first_due_ns) {
+    uint32_t generation;
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        generation = generation_;
+    }
+    auto shared = std::make_shared<std::function<BusFrame(uint64_t, int64_t)>>(std::move(make));
+    std::weak_ptr<CanPeer> self = weak_from_this();
+    timer_.after(until_bus_ns(first_due_ns), [self, shared, period_us, generation, first_due_ns] {
+        if (auto p = self.lock()) p->generated(shared, period_us, 0, generation, first_due_ns);
+    });
+}
+
+void CanPeer::generated(std::shared_ptr<std::function<BusFrame(uint64_t, int64_t)>> make, int64_t period_us, uint64_t n,
+                        uint32_t generation, int64_t due_ns) {
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        if (generation != generation_) return;
+    }
+    send_at((*make)(n, due_ns), due_ns);
+    const int64_t next_ns = due_ns + period_us * 1000;
+    std::weak_ptr<CanPeer> self = weak_from_this();
+    timer_.after(until_bus_ns(next_ns), [self, make, period_us, n, generation, next_ns] {
+        if (auto p = self.lock()) p->generated(make, period_us, n + 1, generation, next_ns);
+    });
+}
+
 void CanPeer::answer(uint32_t request_id, const BusFrame& reply, int64_t delay_us) {
     std::lock_guard<std::mutex> g(mutex_);
-    replies_.push_back({request_id, reply, delay_us});
+    replies_.push_back({request_id, reply, delay_us, false});
+}
+
+void CanPeer::echo(uint32_t request_id, uint32_t reply_id, bool reply_extended, int64_t delay_us) {
+    BusFrame reply;
+    reply.id = reply_id;
+    reply.extended = reply_extended;
+    std::lock_guard<std::mutex> g(mutex_);
+    replies_.push_back({request_id, reply, delay_us, true});
 }
 
 void CanPeer::stop() {
@@ -308,8 +353,17 @@ size_t CanPeer::received_count() {
 void CanPeer::receive(const BusFrame& frame, int64_t end_ns) {
     std::lock_guard<std::mutex> g(mutex_);
     received_.push_back(frame);
-    for (auto& r : replies_)
-        if (r.id == frame.id) send_later(r.frame, end_ns + r.delay_us * 1000);
+    for (auto& r : replies_) {
+        if (r.id != frame.id) continue;
+        if (!r.echo) {
+            send_later(r.frame, end_ns + r.delay_us * 1000);
+            continue;
+        }
+        BusFrame back = frame;
+        back.id = r.frame.id;
+        back.extended = r.frame.extended;
+        send_later(back, end_ns + r.delay_us * 1000);
+    }
 }
 
 // ---- The model --------------------------------------------------------------------
@@ -393,6 +447,9 @@ CanModel::ChannelInfo CanModel::channel(int index) {
     info.frames_received = c.received;
     info.schedule_frames = c.schedule_frames;
     info.schedule_running = c.schedule_running;
+    info.bus_errors = c.bus_errors;
+    info.tec = c.tec;
+    info.rec = c.rec;
     return info;
 }
 

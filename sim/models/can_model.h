@@ -26,7 +26,9 @@
 
 #include <array>
 #include <cstdint>
+#include <atomic>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -45,9 +47,19 @@ public:
 
     // Sends `frame` every `period_us`, `count` times (-1: until stop()).
     void transmit_every(const BusFrame& frame, int64_t period_us, int count = -1);
+    // Sends the frame `make(n, due_ns)` returns every `period_us`, the first at
+    // `first_due_ns`, until stop(); n counts from 0.
+    void transmit_every(std::function<BusFrame(uint64_t n, int64_t due_ns)> make, int64_t period_us,
+                        int64_t first_due_ns);
     // Answers every frame with identifier `request_id` with `reply`, `delay_us` later.
     void answer(uint32_t request_id, const BusFrame& reply, int64_t delay_us = 200);
+    // Sends every frame with identifier `request_id` back with its data, under `reply_id`.
+    void echo(uint32_t request_id, uint32_t reply_id, bool reply_extended, int64_t delay_us = 200);
+    // false: the peer listens without acknowledging.
+    void set_acknowledge(bool on) { acknowledge_ = on; }
     void send(const BusFrame& frame);
+    // Puts `frame` on the bus at `due_ns` (or as soon after as the bus is free).
+    void send_at(const BusFrame& frame, int64_t due_ns);
     void stop();
     void set_bus(const std::shared_ptr<CanBus>& bus);
     std::vector<BusFrame> received();
@@ -56,12 +68,13 @@ public:
     uint32_t nominal_bps() const override { return nominal_; }
     uint32_t data_bps() const override { return data_; }
     bool fd_capable() const override { return true; }
+    bool acknowledges() const override { return acknowledge_.load(); }
     void receive(const BusFrame& frame, int64_t end_ns) override;
 
 private:
     void periodic(BusFrame frame, int64_t period_us, int remaining, uint32_t generation, int64_t due_ns);
-    // Puts `frame` on the bus at `due_ns` (or as soon after as the bus is free).
-    void send_at(const BusFrame& frame, int64_t due_ns);
+    void generated(std::shared_ptr<std::function<BusFrame(uint64_t, int64_t)>> make, int64_t period_us, uint64_t n,
+                   uint32_t generation, int64_t due_ns);
     void send_later(const BusFrame& frame, int64_t due_ns);
 
     Adapter& timer_;
@@ -73,9 +86,11 @@ private:
         uint32_t id;
         BusFrame frame;
         int64_t delay_us;
+        bool echo;
     };
     std::vector<Reply> replies_;
     uint32_t generation_ = 0;
+    std::atomic<bool> acknowledge_{true};
 };
 
 class CanModel : public FamilyModel {
@@ -105,6 +120,8 @@ public:
         uint64_t frames_received = 0;
         uint64_t schedule_frames = 0;  // frames the schedule player put on the bus
         bool schedule_running = false;
+        uint64_t bus_errors = 0;  // frames seen at another bit rate
+        uint8_t tec = 0, rec = 0;
     };
     ChannelInfo channel(int ch);
     // Frames waiting in the adapter for the host to fetch (those that have ended on the bus).

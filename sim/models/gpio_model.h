@@ -2,6 +2,7 @@
 // the test bench drives, open-drain pins read low when either side pulls low.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -20,6 +21,13 @@ public:
 
     // Level the outside world drives onto the pins of `mask`.
     void drive(uint32_t mask, uint32_t levels);
+    // What this adapter drives onto a pin: 1 or 0, or -1 when it lets the pin float
+    // (an input, or an open-drain pin whose latch is high).
+    int driven(int pin);
+    // Wires a pin to something outside (another pin, of this adapter or another one):
+    // `level` says what that drives, as driven() does. A pin that nothing drives
+    // keeps the level given with drive() (high when undriven: pull-ups).
+    void wire(int pin, std::function<int()> level);
     uint32_t outputs();                // the output latch
     Mode mode(int pin);
     uint8_t pull(int pin);             // the mode byte last given for the pin
@@ -38,6 +46,7 @@ private:
     uint32_t latch_ = 0;
     uint32_t external_ = 0xFFFFFFFF;  // undriven inputs float high (pull-ups)
     std::vector<PulseTrain> trains_;
+    std::vector<std::pair<int, std::function<int()>>> wires_;
     double time_scale_ = 1.0;
 };
 
