@@ -1,9 +1,10 @@
-// Guards around libumockdev-preload 0.17's signal masking and locks.
+// Guards around libumockdev-preload 0.17: its signal masking, its usleep(0) and
+// its locks. Built into every simulator process (test programs through usbfs.cpp,
+// launched programs and their wrappers through the launcher's preload).
 //
 // The preload blocks every signal around each call it wraps: twice per ioctl,
-// read() and write() of any descriptor (it looks each one up under its ioctl
-// lock), and around every file system call under its path lock. Two problems
-// follow, and both are handled here, in the process that carries the testbed.
+// around read() and write() of any descriptor (it looks each one up under its
+// ioctl lock), and around every file system call under its path lock.
 //
 // 1. The path lock saves the caller's mask into ONE static variable, and it does
 //    so before taking the lock. A thread that runs with every signal blocked
@@ -13,21 +14,25 @@
 //    survives fork and exec). We keep each thread's saved mask in the thread
 //    itself and restore that one.
 // 2. Each blocking is two system calls, which on our virtual machines cost more
-//    than the rest of an emulated ioctl: umockdev's handler thread alone makes
+//    than the rest of an emulated ioctl: umockdev's handler thread alone made
 //    about twenty of them per ioctl. That thread runs with every signal blocked
-//    (UsbHost blocks them there), and for a thread whose mask is
-//    already full, blocking everything and restoring it change nothing: those
-//    calls are answered without entering the kernel.
-//
-// pthread_sigmask and sigprocmask are defined here and exported, so they take
-// precedence over libc's for the preload (which finds them through the global
-// scope); calls from anywhere else pass straight through. Only calls made from
-// the preload's own code get the treatment above.
-//
-// 3. fork(): a child inherits the preload's locks in whatever state other threads
+//    (UsbHost blocks them there), and for a thread whose mask is already full,
+//    blocking everything and restoring it change nothing: those calls are
+//    answered without entering the kernel. The thread's mask is tracked through
+//    these two functions; a thread that changes its mask behind them (siglongjmp,
+//    setcontext) while fully blocked would be misjudged, which none of the
+//    fully blocked threads of a simulator process does.
+// 3. The preload calls usleep(0) after each forwarded ioctl (see usleep below).
+// 4. fork(): a child inherits the preload's locks in whatever state other threads
 //    held them, and its first wrapped call (an open, a stat) then waits forever,
 //    with every signal blocked because the preload blocks them before it locks.
 //    A pthread_atfork handler holds both locks across fork().
+//
+// pthread_sigmask, sigprocmask and usleep are defined here and exported, so they
+// take precedence over libc's for the preload (which finds them through the
+// global scope). Only calls made from the preload's own code get the treatment
+// above; everyone else's pass straight through. No C++ runtime is used here: the
+// launcher's preload, which every process of a launched chain loads, is libc only.
 
 #include "umockdev_guards.h"
 
@@ -35,6 +40,8 @@
 #include <link.h>
 #include <pthread.h>
 #include <signal.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -184,13 +191,12 @@ void after_fork() {
 }  // namespace
 
 void install_fork_guard() {
-    static const bool once = [] {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] {
         g_path_lock = preload_lock("trap_path_lock");
         g_ioctl_lock = preload_lock("ioctl_lock");
         if (g_path_lock || g_ioctl_lock) pthread_atfork(before_fork, after_fork, after_fork);
-        return true;
-    }();
-    (void)once;
+    });
 }
 
 void block_all_signals_in_this_thread() {
@@ -215,4 +221,15 @@ extern "C" __attribute__((visibility("default"))) int sigprocmask(int how, const
     if (from_preload(__builtin_return_address(0))) return preload_sigmask(real, how, set, old);
     t_masks.full = false;
     return real(how, set, old);
+}
+
+// The preload yields with usleep(0) after each forwarded ioctl. Exported from the
+// executable so that call lands here and returns at once: the yield only gives
+// other threads of the program a chance at the descriptor's lock, which its
+// release already does, and on a busy machine each yield hands the CPU to
+// another process for a whole time slice. Everything else still sleeps for real.
+extern "C" __attribute__((visibility("default"))) int usleep(useconds_t usec) {
+    if (usec == 0) return 0;
+    timespec ts{static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};
+    return nanosleep(&ts, nullptr);
 }

@@ -1119,14 +1119,3 @@ void ensure_preloaded(int argc, char** argv) {
 }
 
 }  // namespace polybus_sim
-
-// The preload yields with usleep(0) after each forwarded ioctl. Exported from the
-// executable so that call lands here and returns at once: the yield only gives
-// other threads of the program a chance at the descriptor's lock, which its
-// release already does, and on a busy machine each yield hands the CPU to
-// another process for a whole time slice. Everything else still sleeps for real.
-extern "C" __attribute__((visibility("default"))) int usleep(useconds_t usec) {
-    if (usec == 0) return 0;
-    timespec ts{static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};
-    return nanosleep(&ts, nullptr);
-}
