@@ -233,7 +233,9 @@ int main(int argc, char** argv) {
             ++hangs;
             ++finished;
             std::fprintf(stderr, "launch %d hung for %.0f s; its processes:\n", it->second.index, o.timeout_s);
-            for (pid_t p : group_members(it->first)) describe(p);
+            std::vector<pid_t> members = group_members(it->first);
+            if (members.empty()) members.push_back(it->first);  // a leader that left its group
+            for (pid_t p : members) describe(p);
             kill_group(it->first);
             it = running.erase(it);
         }

@@ -5,10 +5,7 @@
 set -euo pipefail
 program="$1"
 shift
-name="$(echo "${program##*/}")"
 dir="$(cd "${program%/*}" && pwd)"
 version="$(echo "3.11.4" | cut -d. -f1,2)"
-resolved="$(command -v "$dir/$name" || true)"
-[ -n "$resolved" ] || resolved="$program"
 export SHIM_VERSION="$version"
-exec "$resolved" "$@"
+exec "$dir/${program##*/}" "$@"
