@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_report.h"
 #include "polybus/can.h"
 #include "transport/usb_device.h"
 
@@ -199,6 +200,7 @@ int main(int argc, char** argv) {
     std::printf("CAN receive path (fetch 2000, sort, both buffers, CAN_GetMsg): %.1f million frames/s "
                 "(target: at least 20)\n",
                 double(frames) / elapsed / 1e6);
+    bench::check_target("CAN receive path", double(frames) / elapsed / 1e6, "million frames/s", ">=", 20);
     std::printf("  for scale, a plain std::deque push/sort/copy loop: %.1f million frames/s\n",
                 plain_deque_fps(batch, rounds) / 1e6);
 
@@ -219,6 +221,8 @@ int main(int argc, char** argv) {
     std::printf("batch sort: stable, at 200000 frames at most %.2f x std::stable_sort on every input "
                 "(target: O(n log n), i.e. within a small factor of it)\n",
                 worst);
+    // "A small factor": a quadratic case would be thousands of times slower.
+    bench::check_target("batch sort at 200000 frames against std::stable_sort", worst, "x", "<=", 10);
 
     // 3. An idle reader on two channels: the adapter has nothing to deliver.
     serve_batches = false;
@@ -236,5 +240,6 @@ int main(int argc, char** argv) {
     CAN_StopGetMsg(kHandle, 1);
     std::printf("idle CAN reader, two channels polled every 10 ms: %.3f %% of one core (target: under 1 %%)\n",
                 100.0 * cpu / wall);
+    bench::check_target("idle CAN reader, two channels", 100.0 * cpu / wall, "% of one core", "<", 1);
     return 0;
 }

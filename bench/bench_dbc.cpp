@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_report.h"
 #include "database/dbc_decoder.h"
 #include "polybus/dbc.h"
 #include "transport/usb_device.h"
@@ -53,19 +54,26 @@ Timing measure(const std::function<void()>& once, int min_reps, int max_reps, do
     return Timing{wall[wall.size() / 2], cpu[cpu.size() / 2], wall.front(), cpu.front()};
 }
 
-void report(const char* what, double value, const char* unit, double target, bool higher_is_better) {
+void report(const char* title, const char* what, double value, const char* unit, double target,
+            bool higher_is_better) {
     const bool ok = higher_is_better ? value >= target : value <= target;
     std::printf("  %-44s %9.2f %-10s (target %s %g %s) %s\n", what, value, unit, higher_is_better ? ">=" : "<=",
                 target, unit, ok ? "OK" : "MISSED");
+    std::string name = std::string(title);
+    if (!name.empty() && name.back() == ':') name.pop_back();
+    name += std::string(", ") + what;
+    name.erase(std::remove(name.begin(), name.end(), '\n'), name.end());
+    while (name.find("  ") != std::string::npos) name.replace(name.find("  "), 2, " ");
+    bench::check_target(name.c_str(), value, unit, higher_is_better ? ">=" : "<=", target);
 }
 
 // Converts seconds per repetition into the unit of a figure and prints all three.
 void report_all(const char* what, const Timing& t, const std::function<double(double)>& figure, const char* unit,
                 double target, bool higher_is_better) {
     std::printf("%s\n", what);
-    report("median, wall clock", figure(t.wall_median), unit, target, higher_is_better);
-    report("median, thread CPU time", figure(t.cpu_median), unit, target, higher_is_better);
-    report("best run, wall clock", figure(t.wall_best), unit, target, higher_is_better);
+    report(what, "median, wall clock", figure(t.wall_median), unit, target, higher_is_better);
+    report(what, "median, thread CPU time", figure(t.cpu_median), unit, target, higher_is_better);
+    report(what, "best run, wall clock", figure(t.wall_best), unit, target, higher_is_better);
 }
 
 const std::string kCorpus = std::string(POLYBUS_CORPUS_DIR) + "/dbc/";
@@ -387,9 +395,11 @@ void bench_lookups() {
     std::printf("Look-ups of the last %d messages in databases of %d and %d messages (best runs, wall clock):\n",
                 kHot, sizes[0], sizes[1]);
     std::printf("  DBC_SetSignalValue, another message each call: %.2f ns and %.2f ns\n", set_ns[0], set_ns[1]);
-    report("  time ratio, large / small database", set_ns[1] / set_ns[0], "x", 1.5, false);
+    report("DBC_SetSignalValue look-ups", "  time ratio, large / small database", set_ns[1] / set_ns[0], "x", 1.5,
+           false);
     std::printf("  DBC_SyncCANMsgToValue by identifier: %.2f and %.2f M frames/s\n", decode_mfps[0], decode_mfps[1]);
-    report("  time ratio, large / small database", decode_mfps[0] / decode_mfps[1], "x", 1.5, false);
+    report("DBC_SyncCANMsgToValue look-ups", "  time ratio, large / small database", decode_mfps[0] / decode_mfps[1],
+           "x", 1.5, false);
 }
 
 }  // namespace

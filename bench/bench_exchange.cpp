@@ -18,6 +18,7 @@
 #include <cstring>
 #include <libusb.h>
 
+#include "bench_report.h"
 #include "polybus/gpio.h"
 #include "transport/usb_device.h"
 
@@ -82,10 +83,12 @@ int main(int argc, char** argv) {
     const long after = read_instructions(fd);
     const double ns = std::chrono::duration<double, std::nano>(elapsed).count() / double(count);
     std::printf("command exchange, library's own cost: %.1f ns per exchange (%ld exchanges)\n", ns, exchanges);
-    if (before >= 0 && after >= 0)
+    if (before >= 0 && after >= 0) {
+        const double instructions = double(after - before) / double(count);
         std::printf("command exchange, library's own cost: %.0f instructions per exchange (target: under 2000)\n",
-                    double(after - before) / double(count));
-    else
+                    instructions);
+        bench::check_target("command exchange, library's own cost", instructions, "instructions", "<", 2000);
+    } else
         std::printf("instruction counter unavailable here; for exact figures run:\n"
                     "  valgrind --tool=callgrind %s --count 20000   (total / 20000; target: under 2000)\n",
                     argv[0]);

@@ -12,6 +12,7 @@
 // process's own baseline (reported separately). Sizes: MB = 10^6 bytes, MiB = 2^20.
 //
 // Usage: bench_hexfile [image MiB, default 16] [iterations, default 5]
+#include "bench_report.h"
 #include "polybus/hexfile.h"
 
 #include <sys/resource.h>
@@ -286,6 +287,11 @@ int main(int argc, char** argv) {
                     q.fileBytes / 1e6, q.fileBytes / q.best / 1e6, perByteRatio, linearOk ? "ok" : "MISSED");
         std::printf("  hexfile_convert_image of the blocks: %.1f MB/s of image (informational)\n",
                     r.imageLen / r.imageSec / 1e6);
+        const std::string name = std::string("hexfile_convert_") + fmt;
+        if (!correct) std::printf("MISS: %s: data WRONG (target: verified)\n", name.c_str());
+        bench::check_target((name + " throughput, best").c_str(), mbps, "MB/s", ">=", kTargetMBps);
+        bench::check_target((name + " peak memory").c_str(), peakMB, "MB", "<", limitMB);
+        bench::check_target((name + " time per byte, full/quarter file").c_str(), perByteRatio, "", "<", 1.6);
     }
     for (const std::string& p : {ihxPath, s19Path, ihxQ, s19Q}) std::remove(p.c_str());
     rmdir(dir.c_str());

@@ -3,6 +3,7 @@
 // read back as two bulk IN transfers, all with synchronous libusb calls. This is
 // the pattern of every adapter command, so it bounds how fast end-to-end tests run.
 
+#include "bench_report.h"
 #include "usbfs.h"
 
 #include <libusb.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 #include <vector>
 
 using namespace polybus_sim;
@@ -86,6 +88,7 @@ int main(int argc, char** argv) {
         char name[64];
         std::snprintf(name, sizeof name, "8 out, 8+%zu in", payload);
         std::printf("%-34s %10.1f %10.1f %10.1f   <= 500 us\n", name, us, ioctls, cpu);
+        bench::check_target((std::string("exchange through the simulated USB, ") + name).c_str(), us, "us", "<=", 500);
     }
 
     uint8_t buf[4];
@@ -93,6 +96,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < rounds; ++i) libusb_control_transfer(h, 0xC0, 1, 0, 0, buf, 4, 1000);
     double us = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0).count() / rounds;
     std::printf("%-34s %10.1f %10s %10s   <= 200 us\n", "vendor control IN, 4 bytes", us, "", "");
+    bench::check_target("vendor control IN through the simulated USB, 4 bytes", us, "us", "<=", 200);
 
     libusb_release_interface(h, 0);
     libusb_close(h);

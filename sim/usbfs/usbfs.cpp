@@ -1,17 +1,18 @@
 // usbfs emulation behind umockdev: see usbfs.h for the model's view.
 //
 // How a URB travels: umockdev hands us each ioctl of a client (one open fd) on its
-// worker thread, the "handler thread". SUBMITURB keeps a reference to the URB's
-// UMockdevIoctlData (our copy of the client's struct usbdevfs_urb) and completes at
-// once. Control and OUT URBs are answered by the model right there and go to the
-// device's `done` list; IN URBs wait in `pending_in` until queue_in() data matches
-// them. REAPURBNDELAY then copies status, length and IN bytes into the kept copy and
-// points the client's reap argument at it; umockdev writes it all back when the
-// ioctl completes. Touching client memory is only possible while that client sits
-// in an ioctl on the handler thread, so queue_in() from other threads only records
-// bytes; the copy happens at reap time.
+// worker thread, the "handler thread". SUBMITURB keeps a reference to the client's
+// struct usbdevfs_urb and completes at once. Control and OUT URBs are answered by
+// the model right there and go to the device's `done` list; IN URBs wait in
+// `pending_in` until queue_in() data matches them. REAPURBNDELAY then copies
+// status, length and IN bytes into the URB and points the client's reap argument
+// at it. Touching client memory is only allowed while that client sits in an ioctl
+// on the handler thread, so queue_in() from other threads only records bytes; the
+// copy happens at reap time. See ClientMem for the two ways client memory is reached.
 
 #include "usbfs.h"
+
+#include "umockdev_guards.h"
 
 #include <umockdev.h>
 
@@ -43,6 +44,22 @@ namespace polybus_sim {
 
 namespace {
 
+#if defined(__has_feature)
+#define POLYBUS_HAS_FEATURE(x) __has_feature(x)
+#else
+#define POLYBUS_HAS_FEATURE(x) 0
+#endif
+#if defined(__SANITIZE_THREAD__) || POLYBUS_HAS_FEATURE(thread_sanitizer)
+constexpr bool kTsan = true;
+constexpr const char kSanitizerRuntime[] = "libtsan.so";
+#elif defined(__SANITIZE_ADDRESS__) || POLYBUS_HAS_FEATURE(address_sanitizer)
+constexpr bool kTsan = false;
+constexpr const char kSanitizerRuntime[] = "libasan.so";
+#else
+constexpr bool kTsan = false;
+constexpr const char kSanitizerRuntime[] = "";
+#endif
+
 constexpr uint8_t kEpOut1 = 0x01, kEpOut2 = 0x02, kEpIn = 0x81;
 constexpr uint8_t kConfigValue = 1;
 constexpr uint16_t kLangUsEnglish = 0x0409;
@@ -51,6 +68,103 @@ constexpr uint16_t kLangUsEnglish = 0x0409;
 constexpr uint32_t kCaps = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION |
                            USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_BULK_SCATTER_GATHER |
                            USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
+
+// Resolves the pointer at `offset` of `parent` to `len` bytes of client memory.
+UMockdevIoctlData* resolve(UMockdevIoctlData* parent, size_t offset, size_t len) {
+    GError* err = nullptr;
+    UMockdevIoctlData* d = umockdev_ioctl_data_resolve(parent, offset, len, &err);
+    if (err) {
+        g_error_free(err);
+        if (d) umockdev_ioctl_data_unref(d);
+        return nullptr;
+    }
+    return d;
+}
+
+// Whether the handler reaches client memory directly (see ClientMem); decided once
+// by UsbHost() before any ioctl arrives.
+bool g_direct_access = true;
+
+// A block of the client's memory that an ioctl argument leads to.
+//
+// umockdev's own way copies each block over the client's socket: one round trip
+// to the blocked client per block (the URB, then its buffer, then the reap
+// pointer), and write-backs when the ioctl completes, on top of the ioctl's own
+// round trip. Every round trip is two thread hand-offs, which is what an exchange
+// costs. The handler runs in the very process whose ioctl it answers, and that
+// client thread is blocked until we complete, so in direct mode the client's
+// pointers are used as they are: one round trip per ioctl.
+// The copying transport stays for ThreadSanitizer builds (TSan cannot see the
+// socket hand-off that orders the two threads' accesses, and umockdev talks to it
+// through uninstrumented libc) and on request (POLYBUS_SIM_IOCTL_COPY=1).
+// Direct access assumes the ioctl comes from this process: a forked child must not
+// use device handles it inherited, which libusb forbids anyway.
+class ClientMem {
+public:
+    ClientMem() = default;
+    ClientMem(ClientMem&& o) noexcept : data_(o.data_), bytes_(o.bytes_) {
+        o.data_ = nullptr;
+        o.bytes_ = nullptr;
+    }
+    ClientMem& operator=(ClientMem&& o) noexcept {
+        std::swap(data_, o.data_);
+        std::swap(bytes_, o.bytes_);
+        return *this;
+    }
+    ClientMem(const ClientMem&) = delete;
+    ClientMem& operator=(const ClientMem&) = delete;
+    ~ClientMem() {
+        if (data_) umockdev_ioctl_data_unref(data_);
+    }
+
+    // The `len` bytes the ioctl's pointer argument points to.
+    static ClientMem of_arg(UMockdevIoctlData* arg, size_t len) {
+        ClientMem m;
+        if (g_direct_access) {
+            std::memcpy(&m.bytes_, arg->data, sizeof m.bytes_);
+        } else if ((m.data_ = resolve(arg, 0, len))) {
+            m.bytes_ = m.data_->data;
+        }
+        return m;
+    }
+    // The `len` bytes the pointer at `offset` of this block points to.
+    ClientMem at(size_t offset, size_t len) const {
+        ClientMem m;
+        if (g_direct_access) {
+            std::memcpy(&m.bytes_, bytes_ + offset, sizeof m.bytes_);
+        } else if ((m.data_ = resolve(data_, offset, len))) {
+            m.bytes_ = m.data_->data;
+        }
+        return m;
+    }
+    // Points the pointer at `offset` of this block at `target` (reaping).
+    void set_ptr(size_t offset, const ClientMem& target) const {
+        if (g_direct_access) {
+            std::memcpy(bytes_ + offset, &target.bytes_, sizeof target.bytes_);
+        } else {
+            umockdev_ioctl_data_set_ptr(data_, offset, target.data_);
+        }
+    }
+    // The block's address in the client (what DISCARDURB names a URB by).
+    unsigned long client_addr() const {
+        return g_direct_access ? reinterpret_cast<unsigned long>(bytes_) : data_ ? data_->client_addr : 0;
+    }
+    uint8_t* bytes() const { return bytes_; }
+    explicit operator bool() const { return bytes_ != nullptr; }
+
+private:
+    UMockdevIoctlData* data_ = nullptr;  // copying transport only
+    uint8_t* bytes_ = nullptr;
+};
+
+// Reads a fixed-size argument the ioctl passes by pointer.
+template <typename T>
+bool read_arg(UMockdevIoctlData* arg, T* out) {
+    ClientMem m = ClientMem::of_arg(arg, sizeof(T));
+    if (!m) return false;
+    std::memcpy(out, m.bytes(), sizeof(T));
+    return true;
+}
 
 struct Client;
 
@@ -63,7 +177,7 @@ constexpr Result kOk{0, 0};
 constexpr Result fail(int err) { return {-1, err}; }
 
 struct Urb {
-    UMockdevIoctlData* data = nullptr;  // our reference to the client's struct copy
+    ClientMem mem;                      // the client's struct usbdevfs_urb
     Client* client = nullptr;
     unsigned long addr = 0;             // the URB's address in the client, for DISCARDURB
     uint8_t type = 0, ep = 0;
@@ -75,9 +189,6 @@ struct Urb {
     Urb() = default;
     Urb(const Urb&) = delete;
     Urb& operator=(const Urb&) = delete;
-    ~Urb() {
-        if (data) umockdev_ioctl_data_unref(data);
-    }
 };
 using UrbPtr = std::unique_ptr<Urb>;
 
@@ -188,8 +299,10 @@ void update_wakeup(Device& d) {
     if (d.wake_fd < 0) return;
     const bool ready = !d.done.empty();
     if (ready && d.wake_blocked) {
-        char buf[4096];
-        while (read(d.wake_fd, buf, sizeof buf) > 0) {
+        // Only we write, one byte at a time: one read empties it (each system
+        // call here is part of the cost of every transfer).
+        char buf[64];
+        while (read(d.wake_fd, buf, sizeof buf) == ssize_t(sizeof buf)) {
         }
         d.wake_blocked = false;
     } else if (!ready && !d.wake_blocked) {
@@ -284,35 +397,14 @@ void UsbHost::Impl::retire(const Device& d) {
     unlink((root_dir + d.devnode).c_str());
 }
 
-namespace {
-
-// Resolves the pointer at `offset` of `parent` to `len` bytes of client memory.
-UMockdevIoctlData* resolve(UMockdevIoctlData* parent, size_t offset, size_t len) {
-    GError* err = nullptr;
-    UMockdevIoctlData* d = umockdev_ioctl_data_resolve(parent, offset, len, &err);
-    if (err) {
-        g_error_free(err);
-        if (d) umockdev_ioctl_data_unref(d);
-        return nullptr;
-    }
-    return d;
-}
-
-// Reads a fixed-size argument the ioctl passes by pointer.
-template <typename T>
-bool read_arg(UMockdevIoctlData* arg, T* out) {
-    UMockdevIoctlData* d = resolve(arg, 0, sizeof(T));
-    if (!d) return false;
-    std::memcpy(out, d->data, sizeof(T));
-    umockdev_ioctl_data_unref(d);
-    return true;
-}
-
-}  // namespace
-
 gboolean UsbHost::Impl::on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user) {
     Device& d = *static_cast<Device*>(user);
     Impl& host = *d.host;
+    static thread_local bool signals_blocked = false;
+    if (!signals_blocked) {
+        block_all_signals_in_this_thread();
+        signals_blocked = true;
+    }
     if (!host.worker_ctx.load(std::memory_order_acquire)) {
         GMainContext* expected = nullptr;
         GMainContext* ctx = g_main_context_ref_thread_default();
@@ -458,13 +550,14 @@ int UsbHost::Impl::control(Device& d, const ControlSetup& s, uint8_t* data) {
 }
 
 Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
-    UMockdevIoctlData* ud = resolve(arg, 0, sizeof(usbdevfs_urb));
-    if (!ud) return fail(EFAULT);
+    ClientMem um = ClientMem::of_arg(arg, sizeof(usbdevfs_urb));
+    if (!um) return fail(EFAULT);
     auto u = std::make_unique<Urb>();
-    u->data = ud;
+    usbdevfs_urb urb;
+    std::memcpy(&urb, um.bytes(), sizeof urb);
+    u->addr = um.client_addr();
+    u->mem = std::move(um);
     u->client = cl;
-    u->addr = ud->client_addr;
-    const usbdevfs_urb urb = *reinterpret_cast<usbdevfs_urb*>(ud->data);
     u->type = urb.type;
     u->ep = urb.endpoint;
     u->length = urb.buffer_length;
@@ -474,21 +567,17 @@ Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
 
     if (urb.type == USBDEVFS_URB_TYPE_CONTROL) {
         if ((urb.endpoint & 0x7f) != 0 || urb.buffer_length < 8) return fail(EINVAL);
-        UMockdevIoctlData* buf = resolve(ud, buf_off, size_t(urb.buffer_length));
+        ClientMem buf = u->mem.at(buf_off, size_t(urb.buffer_length));
         if (!buf) return fail(EFAULT);
         ControlSetup s;
-        const uint8_t* b = buf->data;
+        const uint8_t* b = buf.bytes();
         s.bmRequestType = b[0];
         s.bRequest = b[1];
         s.wValue = uint16_t(b[2] | b[3] << 8);
         s.wIndex = uint16_t(b[4] | b[5] << 8);
         s.wLength = uint16_t(b[6] | b[7] << 8);
-        if (urb.buffer_length < 8 + s.wLength) {
-            umockdev_ioctl_data_unref(buf);
-            return fail(EINVAL);
-        }
+        if (urb.buffer_length < 8 + s.wLength) return fail(EINVAL);
         std::vector<uint8_t> payload(b + 8, b + 8 + s.wLength);
-        umockdev_ioctl_data_unref(buf);
         int r = control(d, s, payload.data());  // model runs without our lock
         std::lock_guard<std::mutex> lk(mu);
         if (r == -EINPROGRESS) {
@@ -524,10 +613,9 @@ Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
         if (!is_out_ep(urb.endpoint) || (interrupt && urb.endpoint != kEpOut2)) return fail(EINVAL);
         std::vector<uint8_t> bytes;
         if (urb.buffer_length > 0) {
-            UMockdevIoctlData* buf = resolve(ud, buf_off, size_t(urb.buffer_length));
+            ClientMem buf = u->mem.at(buf_off, size_t(urb.buffer_length));
             if (!buf) return fail(EFAULT);
-            bytes.assign(buf->data, buf->data + urb.buffer_length);
-            umockdev_ioctl_data_unref(buf);
+            bytes.assign(buf.bytes(), buf.bytes() + urb.buffer_length);
         }
         model_call("out", [&] {
             d.fn->out(urb.endpoint, interrupt, bytes.data(), bytes.size());
@@ -558,18 +646,16 @@ Result UsbHost::Impl::reap(Device& d, Client* cl, UMockdevIoctlData* arg) {
         if (!u) return fail(d.gone ? ENODEV : EAGAIN);
     }
     if (!u->in.empty()) {
-        UMockdevIoctlData* buf = resolve(u->data, offsetof(usbdevfs_urb, buffer), size_t(u->length));
+        ClientMem buf = u->mem.at(offsetof(usbdevfs_urb, buffer), size_t(u->length));
         if (!buf) return fail(EFAULT);
-        std::memcpy(buf->data + u->in_at, u->in.data(), u->in.size());
-        umockdev_ioctl_data_unref(buf);
+        std::memcpy(buf.bytes() + u->in_at, u->in.data(), u->in.size());
     }
-    auto* urb = reinterpret_cast<usbdevfs_urb*>(u->data->data);
+    auto* urb = reinterpret_cast<usbdevfs_urb*>(u->mem.bytes());
     urb->status = u->status;
     urb->actual_length = u->actual;
-    UMockdevIoctlData* ptr = resolve(arg, 0, sizeof(void*));
+    ClientMem ptr = ClientMem::of_arg(arg, sizeof(void*));
     if (!ptr) return fail(EFAULT);
-    umockdev_ioctl_data_set_ptr(ptr, 0, u->data);
-    umockdev_ioctl_data_unref(ptr);
+    ptr.set_ptr(0, u->mem);
     return kOk;
 }
 
@@ -610,11 +696,10 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
         return fail(EINVAL);  // already completed: libusb will reap it
     }
     case USBDEVFS_GET_CAPABILITIES: {
-        UMockdevIoctlData* p = resolve(arg, 0, sizeof(uint32_t));
+        ClientMem p = ClientMem::of_arg(arg, sizeof(uint32_t));
         if (!p) return fail(EFAULT);
         uint32_t caps = kCaps;
-        std::memcpy(p->data, &caps, sizeof caps);
-        umockdev_ioctl_data_unref(p);
+        std::memcpy(p.bytes(), &caps, sizeof caps);
         return kOk;
     }
     case USBDEVFS_CLAIMINTERFACE:
@@ -668,37 +753,31 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
     case USBDEVFS_GET_SPEED:
         return {d.id.high_speed ? USB_SPEED_HIGH : USB_SPEED_FULL, 0};
     case USBDEVFS_CONNECTINFO: {
-        UMockdevIoctlData* p = resolve(arg, 0, sizeof(usbdevfs_connectinfo));
+        ClientMem p = ClientMem::of_arg(arg, sizeof(usbdevfs_connectinfo));
         if (!p) return fail(EFAULT);
         usbdevfs_connectinfo ci{};
         ci.devnum = unsigned(d.address);
         ci.slow = 0;
-        std::memcpy(p->data, &ci, sizeof ci);
-        umockdev_ioctl_data_unref(p);
+        std::memcpy(p.bytes(), &ci, sizeof ci);
         return kOk;
     }
     case USBDEVFS_CONTROL: {
         // Synchronous control transfer; libusb uses it only without sysfs, but
         // other tools do.
-        UMockdevIoctlData* p = resolve(arg, 0, sizeof(usbdevfs_ctrltransfer));
+        ClientMem p = ClientMem::of_arg(arg, sizeof(usbdevfs_ctrltransfer));
         if (!p) return fail(EFAULT);
         usbdevfs_ctrltransfer ct;
-        std::memcpy(&ct, p->data, sizeof ct);
+        std::memcpy(&ct, p.bytes(), sizeof ct);
         ControlSetup s{ct.bRequestType, ct.bRequest, ct.wValue, ct.wIndex, ct.wLength};
         std::vector<uint8_t> payload(s.wLength);
-        UMockdevIoctlData* buf = nullptr;
+        ClientMem buf;
         if (s.wLength) {
-            buf = resolve(p, offsetof(usbdevfs_ctrltransfer, data), s.wLength);
-            if (!buf) {
-                umockdev_ioctl_data_unref(p);
-                return fail(EFAULT);
-            }
-            std::memcpy(payload.data(), buf->data, s.wLength);
+            buf = p.at(offsetof(usbdevfs_ctrltransfer, data), s.wLength);
+            if (!buf) return fail(EFAULT);
+            std::memcpy(payload.data(), buf.bytes(), s.wLength);
         }
         int r = control(d, s, payload.data());
-        if (r > 0 && (s.bmRequestType & USB_DIR_IN)) std::memcpy(buf->data, payload.data(), size_t(r));
-        if (buf) umockdev_ioctl_data_unref(buf);
-        umockdev_ioctl_data_unref(p);
+        if (r > 0 && (s.bmRequestType & USB_DIR_IN)) std::memcpy(buf.bytes(), payload.data(), size_t(r));
         if (r == -EINPROGRESS) return fail(ETIMEDOUT);  // what the kernel reports after waiting
         return r < 0 ? fail(-r) : Result{r, 0};
     }
@@ -712,12 +791,14 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
 UsbHost::UsbHost() : impl_(std::make_unique<Impl>()) {
     if (!preload_loaded())
         throw std::runtime_error("polybus_sim: not running under libumockdev-preload; call ensure_preloaded() first in main()");
+    g_direct_access = !kTsan && !std::getenv("POLYBUS_SIM_IOCTL_COPY");
     Impl& I = *impl_;
     I.testbed = umockdev_testbed_new();
     gchar* root = umockdev_testbed_get_root_dir(I.testbed);
     I.root_dir = root ? root : "";
     g_free(root);
     mkdir((I.root_dir + "/attic").c_str(), 0755);
+    install_fork_guard();
 }
 
 UsbHost::~UsbHost() = default;
@@ -954,22 +1035,6 @@ uint64_t UsbHost::ioctl_count() const { return impl_->ioctls.load(std::memory_or
 
 namespace {
 
-#if defined(__has_feature)
-#define POLYBUS_HAS_FEATURE(x) __has_feature(x)
-#else
-#define POLYBUS_HAS_FEATURE(x) 0
-#endif
-#if defined(__SANITIZE_THREAD__) || POLYBUS_HAS_FEATURE(thread_sanitizer)
-constexpr bool kTsan = true;
-constexpr const char kSanitizerRuntime[] = "libtsan.so";
-#elif defined(__SANITIZE_ADDRESS__) || POLYBUS_HAS_FEATURE(address_sanitizer)
-constexpr bool kTsan = false;
-constexpr const char kSanitizerRuntime[] = "libasan.so";
-#else
-constexpr bool kTsan = false;
-constexpr const char kSanitizerRuntime[] = "";
-#endif
-
 // The sanitizer runtime this binary loaded (empty when linked statically): it
 // must come before the umockdev preload, which would otherwise be initialised first.
 std::string loaded_sanitizer_runtime() {
@@ -1054,12 +1119,3 @@ void ensure_preloaded(int argc, char** argv) {
 }
 
 }  // namespace polybus_sim
-
-// The preload yields with usleep(0) after each forwarded ioctl. Exported from the
-// executable so that call lands here: sched_yield() is much cheaper than a
-// zero-length sleep. Everything else still sleeps for real.
-extern "C" __attribute__((visibility("default"))) int usleep(useconds_t usec) {
-    if (usec == 0) return sched_yield();
-    timespec ts{static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};
-    return nanosleep(&ts, nullptr);
-}

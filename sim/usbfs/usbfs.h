@@ -124,6 +124,11 @@ private:
 // thing in main(), before any thread starts.
 // POLYBUS_SIM_PIN_CPU=<n> or =auto (the CPU it runs on) pins the process to one
 // CPU: exchanges get faster and steadier, but do not pin parallel tests together.
+// POLYBUS_SIM_IOCTL_COPY=1 makes the handler reach the program's ioctl arguments
+// through umockdev's copies instead of directly (several times slower; what
+// ThreadSanitizer builds always do). Either way the simulator serves only the
+// process that plugged the devices: a forked child must not use USB handles it
+// inherited (libusb does not support that either).
 void ensure_preloaded(int argc, char** argv);
 
 }  // namespace polybus_sim
