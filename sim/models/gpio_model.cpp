@@ -20,21 +20,7 @@ GpioModel::GpioModel(Adapter& a) : adapter_(a) {
     });
     a.on(GPIO_READ, [this](const Frame& f) {
         const uint32_t mask = f.be32(0);
-        uint32_t levels = 0;
-        {
-            std::lock_guard<std::mutex> g(mutex_);
-            for (int pin = 0; pin < 32; ++pin) {
-                const uint32_t bit = 1u << pin;
-                bool high = false;
-                switch (modes_[pin]) {
-                    case Mode::Input: high = external_ & bit; break;
-                    case Mode::Output: high = latch_ & bit; break;
-                    case Mode::OpenDrain: high = (latch_ & bit) && (external_ & bit); break;
-                }
-                if (high) levels |= bit;
-            }
-        }
-        adapter_.answer(f.command, Payload().be32(levels & mask));
+        adapter_.answer(f.command, Payload().be32(levels() & mask));
     });
     a.on(GPIO_SEND_PULSES, [this](const Frame& f) {
         PulseTrain t{f.be32(0), f.be32(4), f.be32(8), f.be32(12)};
@@ -67,6 +53,21 @@ void GpioModel::configure(const Frame& f, Mode mode) {
 void GpioModel::drive(uint32_t mask, uint32_t levels) {
     std::lock_guard<std::mutex> g(mutex_);
     external_ = (external_ & ~mask) | (levels & mask);
+}
+uint32_t GpioModel::levels() {
+    std::lock_guard<std::mutex> g(mutex_);
+    uint32_t levels = 0;
+    for (int pin = 0; pin < 32; ++pin) {
+        const uint32_t bit = 1u << pin;
+        bool high = false;
+        switch (modes_[pin]) {
+            case Mode::Input: high = external_ & bit; break;
+            case Mode::Output: high = latch_ & bit; break;
+            case Mode::OpenDrain: high = (latch_ & bit) && (external_ & bit); break;
+        }
+        if (high) levels |= bit;
+    }
+    return levels;
 }
 uint32_t GpioModel::outputs() {
     std::lock_guard<std::mutex> g(mutex_);

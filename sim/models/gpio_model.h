@@ -21,6 +21,7 @@ public:
     // Level the outside world drives onto the pins of `mask`.
     void drive(uint32_t mask, uint32_t levels);
     uint32_t outputs();                // the output latch
+    uint32_t levels();                 // what every pin reads now (as GPIO_READ reports it)
     Mode mode(int pin);
     uint8_t pull(int pin);             // the mode byte last given for the pin
     std::vector<PulseTrain> pulse_trains();

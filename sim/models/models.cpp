@@ -3,6 +3,9 @@
 #include "can_model.h"
 #include "device_model.h"
 #include "gpio_model.h"
+#include "i2c_model.h"
+#include "spi_model.h"
+#include "uart_model.h"
 
 namespace polybus_sim {
 
@@ -10,6 +13,9 @@ void install_models(Adapter& adapter) {
     adapter.model<DeviceModel>();
     adapter.model<GpioModel>();
     adapter.model<CanModel>();
+    adapter.model<I2cModel>();
+    adapter.model<SpiModel>();
+    adapter.model<UartModel>();
 }
 
 }  // namespace polybus_sim
