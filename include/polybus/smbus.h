@@ -13,7 +13,9 @@
  *
  * Choices of this library where callers could wonder:
  *   - The block answer lands in an area of SMBUS_BLOCK_MAX bytes; a longer answer is
- *     read and discarded, and the call returns -4 without copying anything.
+ *     read and discarded, and the call returns -4 without copying anything. pReadData
+ *     must hold the longest block the device can send (never more than
+ *     SMBUS_BLOCK_MAX - 1 bytes); only bytes that arrived are copied and counted.
  *   - A negative WriteLen, or a NULL pWriteData with a non-zero WriteLen, or NULL
  *     pReadData / pReadLen, is refused with SMBUS_ERR_ARGUMENT before anything is sent.
  *   - SMBUS_ReadWordProtocol and SMBUS_ProcessCall store the word whatever the status;
