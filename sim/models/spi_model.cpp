@@ -365,7 +365,10 @@ SpiModel::SpiModel(Adapter& a) : adapter_(a) {
         {
             std::lock_guard<std::mutex> g(mutex_);
             m = port(f.u8(0)).master;
-            if (m) m->received_.insert(m->received_.end(), data.begin(), data.end());
+            if (m) {
+                m->received_.insert(m->received_.end(), data.begin(), data.end());
+                m->produced_ += data.size();  // the master clocks its own bytes meanwhile
+            }
         }
         if (!m) return answer_later(f.command, std::chrono::milliseconds(f.be32(1)), Payload().be32(0));
         const double s = double(data.size()) / m->config().bytes_per_second;
