@@ -1,5 +1,6 @@
 #include "polybus/i2c.h"
 
+#include <climits>
 #include <memory>
 #include <new>
 
@@ -56,7 +57,8 @@ int count_answer(int dev, Command& request, Timing timing) {
     return answer.le16(0);
 }
 
-int slave_wait(int TimeOutMs) { return TimeOutMs + 100; }
+// The firmware waits up to TimeOutMs for the master; the answer may take 100 ms more.
+int slave_wait(int TimeOutMs) { return TimeOutMs > INT_MAX - 100 ? INT_MAX : TimeOutMs + 100; }
 
 }  // namespace
 
