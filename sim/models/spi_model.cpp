@@ -205,7 +205,7 @@ void SpiModel::pump(Port& p) {
         p.rx.erase(p.rx.begin(), p.rx.begin() + long(p.rx_head));
         p.rx_head = 0;
     }
-    const size_t room = kSlaveBuffer - std::min(kSlaveBuffer, p.rx.size() - p.rx_head);
+    const size_t room = slave_buffer_ - std::min(slave_buffer_, p.rx.size() - p.rx_head);
     const uint64_t keep = std::min<uint64_t>(n, room);
     for (uint64_t i = 0; i < keep; ++i) p.rx.push_back(SpiMasterStream::byte_at(m.produced_ + i));
     p.overruns += n - keep;
@@ -411,6 +411,10 @@ SpiModel::SpiModel(Adapter& a) : adapter_(a) {
         {
             std::lock_guard<std::mutex> g(mutex_);
             Port& p = port(f.u8(0));
+            if (!p.continuous) {  // a new run starts with an empty receive buffer
+                p.rx.clear();
+                p.rx_head = 0;
+            }
             if (!p.continuous && p.master) {
                 p.master->since_ = Clock::now();
                 p.master->running_ = true;
@@ -548,6 +552,10 @@ SpiModel::PortSetup SpiModel::setup(int index) {
 bool SpiModel::streaming(int index) {
     std::lock_guard<std::mutex> g(mutex_);
     return port(uint8_t(index)).continuous;
+}
+void SpiModel::set_slave_buffer(size_t bytes) {
+    std::lock_guard<std::mutex> g(mutex_);
+    slave_buffer_ = bytes;
 }
 uint64_t SpiModel::slave_overruns(int index) {
     std::lock_guard<std::mutex> g(mutex_);

@@ -12,8 +12,9 @@
 //   - Master transfers take no bus time; flash operations take the flash's program and
 //     erase times (the firmware waits for the busy bit before each step and before it
 //     answers).
-//   - Slave mode: while continuous reading is on (0x225), a streaming master's bytes
-//     collect in a receive buffer of kSlaveBuffer bytes (bytes beyond it are dropped and
+//   - Slave mode: while continuous reading is on (0x225, which empties the receive
+//     buffer when it starts a new run), a streaming master's bytes
+//     collect in a receive buffer of kSlaveBuffer bytes (set_slave_buffer) (bytes beyond it are dropped and
 //     counted); 0x223 answers at most kSlaveChunk bytes of it.
 #pragma once
 
@@ -142,7 +143,7 @@ private:
 class SpiModel : public FamilyModel {
 public:
     static constexpr int kPorts = 2;
-    static constexpr size_t kSlaveBuffer = 1 << 20;
+    static constexpr size_t kSlaveBuffer = 1 << 20;  // default slave receive buffer
     static constexpr size_t kSlaveChunk = 61440;
     explicit SpiModel(Adapter& adapter);
 
@@ -158,6 +159,8 @@ public:
     };
     PortSetup setup(int port);
     bool streaming(int port);
+    // The slave receive buffer of every port, in bytes (kSlaveBuffer by default).
+    void set_slave_buffer(size_t bytes);
     uint64_t slave_overruns(int port);
     uint64_t master_clocked(int port);
     std::vector<uint8_t> master_received(int port);  // what the slave side sent the master
@@ -183,6 +186,7 @@ private:
     Adapter& adapter_;
     std::mutex mutex_;
     Port ports_[kPorts];
+    size_t slave_buffer_ = kSlaveBuffer;
     std::shared_ptr<void> blocks_runner_;  // keeps the block-event sequencer alive
 };
 
