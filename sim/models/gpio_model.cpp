@@ -20,39 +20,7 @@ GpioModel::GpioModel(Adapter& a) : adapter_(a) {
     });
     a.on(GPIO_READ, [this](const Frame& f) {
         const uint32_t mask = f.be32(0);
-        uint32_t levels = 0;
-        // Wired pins are asked first, without our lock: the far end may be another
-        // adapter reading its own wires at the same time.
-        std::vector<std::pair<int, std::function<int()>>> wires;
-        {
-            std::lock_guard<std::mutex> g(mutex_);
-            wires = wires_;
-        }
-        uint32_t wired_mask = 0, wired_levels = 0;
-        for (auto& [pin, level] : wires) {
-            const int l = level();
-            if (l < 0) continue;
-            const uint32_t bit = 1u << pin;
-            // Several drivers on one net: low wins (as open drain would).
-            if (!(wired_mask & bit)) wired_levels |= bit;
-            wired_mask |= bit;
-            if (l == 0) wired_levels &= ~bit;
-        }
-        {
-            std::lock_guard<std::mutex> g(mutex_);
-            const uint32_t external = (external_ & ~wired_mask) | (wired_levels & wired_mask);
-            for (int pin = 0; pin < 32; ++pin) {
-                const uint32_t bit = 1u << pin;
-                bool high = false;
-                switch (modes_[pin]) {
-                    case Mode::Input: high = external & bit; break;
-                    case Mode::Output: high = latch_ & bit; break;
-                    case Mode::OpenDrain: high = (latch_ & bit) && (external & bit); break;
-                }
-                if (high) levels |= bit;
-            }
-        }
-        adapter_.answer(f.command, Payload().be32(levels & mask));
+        adapter_.answer(f.command, Payload().be32(levels() & mask));
     });
     a.on(GPIO_SEND_PULSES, [this](const Frame& f) {
         PulseTrain t{f.be32(0), f.be32(4), f.be32(8), f.be32(12)};
@@ -101,6 +69,41 @@ void GpioModel::wire(int pin, std::function<int()> level) {
     wires_.push_back({pin & 31, std::move(level)});
 }
 
+uint32_t GpioModel::levels() {
+    uint32_t levels = 0;
+    // Wired pins are asked first, without our lock: the far end may be another
+    // adapter reading its own wires at the same time.
+    std::vector<std::pair<int, std::function<int()>>> wires;
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        wires = wires_;
+    }
+    uint32_t wired_mask = 0, wired_levels = 0;
+    for (auto& [pin, level] : wires) {
+        const int l = level();
+        if (l < 0) continue;
+        const uint32_t bit = 1u << pin;
+        // Several drivers on one net: low wins (as open drain would).
+        if (!(wired_mask & bit)) wired_levels |= bit;
+        wired_mask |= bit;
+        if (l == 0) wired_levels &= ~bit;
+    }
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        const uint32_t external = (external_ & ~wired_mask) | (wired_levels & wired_mask);
+        for (int pin = 0; pin < 32; ++pin) {
+            const uint32_t bit = 1u << pin;
+            bool high = false;
+            switch (modes_[pin]) {
+                case Mode::Input: high = external & bit; break;
+                case Mode::Output: high = latch_ & bit; break;
+                case Mode::OpenDrain: high = (latch_ & bit) && (external & bit); break;
+            }
+            if (high) levels |= bit;
+        }
+    }
+    return levels;
+}
 uint32_t GpioModel::outputs() {
     std::lock_guard<std::mutex> g(mutex_);
     return latch_;

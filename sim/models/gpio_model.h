@@ -29,6 +29,7 @@ public:
     // keeps the level given with drive() (high when undriven: pull-ups).
     void wire(int pin, std::function<int()> level);
     uint32_t outputs();                // the output latch
+    uint32_t levels();                 // what every pin reads now (as GPIO_READ reports it)
     Mode mode(int pin);
     uint8_t pull(int pin);             // the mode byte last given for the pin
     std::vector<PulseTrain> pulse_trains();

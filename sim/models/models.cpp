@@ -4,6 +4,9 @@
 #include "device_model.h"
 #include "gpio_model.h"
 #include "lin_model.h"
+#include "i2c_model.h"
+#include "spi_model.h"
+#include "uart_model.h"
 
 namespace polybus_sim {
 
@@ -12,6 +15,9 @@ void install_models(Adapter& adapter) {
     adapter.model<GpioModel>();
     adapter.model<CanModel>();
     adapter.model<LinModel>();
+    adapter.model<I2cModel>();
+    adapter.model<SpiModel>();
+    adapter.model<UartModel>();
 }
 
 }  // namespace polybus_sim
