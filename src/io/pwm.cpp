@@ -51,7 +51,7 @@ extern "C" {
 
 POLYBUS_API int PWM_Init(int dev, PWM_CONFIG* pConfig) {
     PWM_CONFIG zero{};
-    Command request(PWM_INIT);
+    Command request(PWM_INIT, sizeof(PWM_CONFIG));
     request.record(pConfig != nullptr ? *pConfig : zero);
     return acknowledged(dev, request);
 }
