@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <pthread.h>
 
 #include "dac_model.h"
 #include "pwm_model.h"
@@ -180,6 +181,7 @@ void AdcModel::end_stream() {
 }
 
 void AdcModel::stream_main(Stream s, uint64_t generation) {
+    pthread_setname_np(pthread_self(), "sim-adc-stream");
     const auto inputs = inputs_of(s.mask);
     const size_t nch = inputs.size();
     const double step_us = 1e6 / s.rate;

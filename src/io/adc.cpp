@@ -1,6 +1,7 @@
 #include "polybus/adc.h"
 
 #include <libusb.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -118,6 +119,7 @@ void LIBUSB_CALL frame_done(libusb_transfer* t) {
 }
 
 void reader_main(AdcState* s, int handle, uint32_t frame_size) {
+    pthread_setname_np(pthread_self(), "polybus-adc");  // findable in top, gdb and /proc
     libusb_context* ctx = nullptr;
     libusb_device_handle* usb = nullptr;
     {
