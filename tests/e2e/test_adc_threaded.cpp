@@ -2,7 +2,9 @@
 // timeout formula), and streaming to the frame list and to a callback with start,
 // stop, restart, waiting, unplug and short frames. Threaded: also run under
 // ThreadSanitizer.
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <future>
 #include <mutex>
@@ -95,6 +97,20 @@ TEST_F(Adc, OneShotReadsSamplesInInputOrder) {
     EXPECT_NEAR(crossings, 5, 1);
     EXPECT_NEAR(*std::max_element(w.begin(), w.end()), 3000, 2);
     EXPECT_NEAR(*std::min_element(w.begin(), w.end()), 1000, 2);
+
+    // Noise keeps its centre and spread.
+    AnalogSignal noise;
+    noise.kind = AnalogSignal::Kind::Noise;
+    noise.level = 1000;
+    noise.amplitude = 50;
+    adc().set_input(0, noise);
+    ASSERT_EQ(ADC_Read(handle, w.data(), 1000), 0);
+    double sum = 0, squares = 0;
+    for (short v : w) sum += v;
+    const double mean = sum / w.size();
+    for (short v : w) squares += (v - mean) * (v - mean);
+    EXPECT_NEAR(mean, 1000, 10);
+    EXPECT_NEAR(std::sqrt(squares / w.size()), 50, 8);
 }
 
 TEST_F(Adc, ReadTimeoutsAndTheSignedMaskCheck) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <thread>
 
+#include "adc_model.h"
 #include "counter_model.h"
 #include "pwm_model.h"
 #include "sim_fixture.h"
@@ -257,6 +258,24 @@ TEST_F(Pwm, CaptureAndCountersMeasureTheOutput) {
     ASSERT_EQ(PWM_CAP_GetData(handle, 0, &cap), 0);
     EXPECT_EQ(cap.Period, 0);
     EXPECT_FALSE(pwm().capture(0).on);
+}
+
+TEST_F(Pwm, AdcInputThroughAFilterReadsTheDuty) {
+    AnalogSignal filtered;
+    filtered.kind = AnalogSignal::Kind::PwmAverage;
+    filtered.source = 3;
+    model<AdcModel>().set_input(4, filtered);
+    ASSERT_EQ(ADC_Init(handle, 0x10, 1000), 0);
+    short s[3];
+    ASSERT_EQ(ADC_Read(handle, s, 3), 0);
+    EXPECT_EQ(s[0], 0) << "a stopped output is low";
+    ASSERT_EQ(PWM2_Init(handle, 3, 1000, 0, 100, 25), 0);
+    ASSERT_EQ(PWM2_Start(handle, 3, 0), 0);
+    ASSERT_EQ(ADC_Read(handle, s, 3), 0);
+    EXPECT_EQ(s[2], 1024) << "25 % of full scale";
+    ASSERT_EQ(PWM2_Init(handle, 3, 1000, 1, 100, 25), 0);  // inverted
+    ASSERT_EQ(ADC_Read(handle, s, 3), 0);
+    EXPECT_EQ(s[2], 3071);
 }
 
 TEST_F(Pwm, RunTimeEndsTheOutput) {
