@@ -1,5 +1,9 @@
 #include "counter_model.h"
 
+#include <algorithm>
+#include <cmath>
+
+#include "gpio_model.h"
 #include "pwm_model.h"
 #include "wire/analog.h"
 
@@ -70,15 +74,39 @@ void CounterModel::update(int n, double now) {
     auto& pwm = adapter_.model<PwmModel>();
     if (source == -2) source = pwm.index_of_channel(n);
     uint64_t edges = 0;
-    if (source >= 0) {
-        const bool rising = c.edges == 0 || c.edges == 2;
-        const bool falling = c.edges == 1 || c.edges == 2;
+    const bool rising = c.edges == 0 || c.edges == 2;
+    const bool falling = c.edges == 1 || c.edges == 2;
+    const int pin = wiring_.gpio_pin[n];
+    if (pin >= 0 && pin < 32) {
+        edges = gpio_edges(pin, c.since_us, now, rising, falling);
+    } else if (source >= 0) {
         edges = pwm.edges(source, c.since_us, now, rising, falling);
     }
     c.since_us = now;
     uint32_t v = c.mode == 1 ? c.value - uint32_t(edges) : c.value + uint32_t(edges);
     if (c.width == 16) v &= 0xFFFF;
     c.value = v;
+}
+
+// Pulses of the trains sent on `pin`: rising edges at start + k x period, falling
+// edges a width later, k below the train's count.
+uint64_t CounterModel::gpio_edges(int pin, double from, double to, bool rising, bool falling) {
+    uint64_t n = 0;
+    auto in_window = [&](double first, double period, uint32_t count) -> uint64_t {
+        auto upto = [&](double x) -> double {
+            if (x < first) return 0;
+            return std::min(double(count), std::floor((x - first) / period) + 1);
+        };
+        const double k = upto(to) - upto(from);
+        return k > 0 ? uint64_t(k) : 0;
+    };
+    for (const auto& t : adapter_.model<GpioModel>().pulse_trains()) {
+        if (!(t.mask & (1u << pin)) || t.period_us == 0) continue;
+        const double start = double(t.start_us);
+        if (rising) n += in_window(start, t.period_us, t.count);
+        if (falling) n += in_window(start + t.width_us, t.period_us, t.count);
+    }
+    return n;
 }
 
 void CounterModel::wire(const CounterWiring& wiring) {

@@ -1,5 +1,5 @@
 // Four pulse counters. Each counts the edges of what its input is wired to (a PWM
-// output), up or down, rising, falling or both edges, wrapping at 16 or 32 bits, as
+// output, or a GPIO pin's pulse trains), up or down, rising, falling or both edges, wrapping at 16 or 32 bits, as
 // the 16-byte configuration record says (mode u8, edges u8, width u8, pin mode u8,
 // filter u32, 8 reserved bytes). Counting is computed from the output's timing when a
 // counter is read, so it is exact at any rate.
@@ -16,6 +16,8 @@ struct CounterWiring {
     // PWM output index wired to each counter's input; -1: nothing, -2: the model's
     // PWM channel n for counter n (the default).
     int pwm_source[4] = {-2, -2, -2, -2};
+    // A GPIO pin wired to the counter instead (its pulse trains are counted); -1: none.
+    int gpio_pin[4] = {-1, -1, -1, -1};
 };
 
 class CounterModel : public FamilyModel {
@@ -35,6 +37,7 @@ public:
 
 private:
     void update(int n, double now_us);  // with mutex_ held
+    uint64_t gpio_edges(int pin, double from_us, double to_us, bool rising, bool falling);
 
     Adapter& adapter_;
     std::mutex mutex_;

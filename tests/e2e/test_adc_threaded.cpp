@@ -197,7 +197,7 @@ TEST_F(Adc, StreamsFramesToTheFrameList) {
     all.insert(all.end(), more.begin(), more.end());
     expect_continuous(all);
     EXPECT_LE(all.size(), adc().frames_sent() * 1000) << "frames the adapter never sent";
-    EXPECT_GE(all.size() + 2000, adc().frames_sent() * 1000) << "at most the frames in flight at the stop are lost";
+    EXPECT_GE(all.size() + 4000, adc().frames_sent() * 1000) << "only frames still on their way at the stop are lost";
 
     // A second stop returns at once; the adapter sees one request; no reader is left.
     EXPECT_EQ(ADC_StopContinueRead(handle), 0);

@@ -172,3 +172,20 @@ TEST_F(DacCounter, ClosedOrUnknownHandlesCannotSend) {
     EXPECT_EQ(DAC_Start(0x7E000001), -2);
     EXPECT_TRUE(adapter->received().empty());
 }
+
+TEST_F(DacCounter, CountersCountGpioPulseTrains) {
+    CounterWiring w;
+    w.gpio_pin[2] = 5;
+    model<CounterModel>().wire(w);
+    CNT_CONFIG both{};
+    both.CounterPolarity = CNT_EDGE_BOTH;
+    ASSERT_EQ(CNT_Init(handle, 0x4, &both), 0);
+    ASSERT_EQ(CNT_Start(handle, 0x4), 0);
+    // 40 pulses of 100 us every 500 us: the call returns once the train is out.
+    ASSERT_EQ(GPIO_SendPulses(handle, 0x20, 100, 500, 40), 0);
+    ASSERT_EQ(GPIO_SendPulses(handle, 0x01, 100, 500, 7), 0);  // another pin
+    settle(5);
+    unsigned v[4] = {};
+    ASSERT_EQ(CNT_GetValue(handle, 0x4, v), 0);
+    EXPECT_EQ(v[2], 80u) << "both edges of 40 pulses";
+}
