@@ -196,6 +196,13 @@ int main(int argc, char** argv) {
     const int dev = handles[0];
     auto& adc = adapter->model<AdcModel>();
     counting_inputs(adc);
+    {
+        // Wake-up delays grow with the machine's load; print it beside the figures.
+        std::ifstream load("/proc/loadavg");
+        std::string one;
+        load >> one;
+        std::printf("load average %s on %ld CPUs\n", one.c_str(), sysconf(_SC_NPROCESSORS_ONLN));
+    }
     const bool list_ok = list_mode(dev, adc);
     const bool callback_ok = callback_mode(dev, adapter, adc, 5.0);
     USB_CloseDevice(dev);
