@@ -38,6 +38,8 @@
  *  - A reader thread that ended on its own (unplug) is joined by the next start,
  *    stop, ADC_WaitForThreadExit, or at unload.
  *  - The reader never frees its transfer while the transfer is still in flight.
+ *  - Frames the list drops (at unload) are freed whole, node and buffer.
+ *  - The frame list is not bounded: drain it while streaming to a null callback.
  */
 #ifndef POLYBUS_ADC_H
 #define POLYBUS_ADC_H
