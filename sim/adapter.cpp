@@ -62,7 +62,18 @@ int Adapter::control(const ControlSetup& setup, uint8_t* data) {
         });
         return 0;
     }
-    return -EPIPE;
+    std::function<int(const ControlSetup&, uint8_t*)> handler;
+    {
+        std::lock_guard<std::mutex> g(mutex_);
+        auto it = vendor_handlers_.find(setup.bRequest);
+        if (it != vendor_handlers_.end()) handler = it->second;
+    }
+    return handler ? handler(setup, data) : -EPIPE;
+}
+
+void Adapter::on_vendor(uint8_t bRequest, std::function<int(const ControlSetup&, uint8_t*)> handler) {
+    std::lock_guard<std::mutex> g(mutex_);
+    vendor_handlers_[bRequest] = std::move(handler);
 }
 
 void Adapter::out(uint8_t ep, bool interrupt, const uint8_t* data, size_t len) {

@@ -107,6 +107,9 @@ public:
     // Registers the handler of a command code. Each code has one owner: registering a
     // code a second time throws std::logic_error naming the code.
     void on(uint32_t command, Handler handler);
+    // Serves vendor control requests with this bRequest (the identifier and reset
+    // requests are the adapter's own). The handler answers as UsbFunction::control.
+    void on_vendor(uint8_t bRequest, std::function<int(const ControlSetup&, uint8_t*)> handler);
     // Answers `command` with `payload` (header and payload queued atomically), applying
     // any fault armed for it.
     void answer(uint32_t command, const std::vector<uint8_t>& payload = {});
@@ -156,6 +159,7 @@ private:
     std::atomic<int> zlps_{0};
     std::mutex mutex_;
     std::map<uint32_t, Handler> handlers_;
+    std::map<uint8_t, std::function<int(const ControlSetup&, uint8_t*)>> vendor_handlers_;
     std::vector<std::unique_ptr<FamilyModel>> models_;
     std::vector<uint8_t> pending_[3];  // partial frames per OUT endpoint
     std::vector<Frame> received_;

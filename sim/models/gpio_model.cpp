@@ -23,7 +23,7 @@ GpioModel::GpioModel(Adapter& a) : adapter_(a) {
         adapter_.answer(f.command, Payload().be32(levels() & mask));
     });
     a.on(GPIO_SEND_PULSES, [this](const Frame& f) {
-        PulseTrain t{f.be32(0), f.be32(4), f.be32(8), f.be32(12)};
+        PulseTrain t{f.be32(0), f.be32(4), f.be32(8), f.be32(12), adapter_.clock_us()};
         double scale;
         {
             std::lock_guard<std::mutex> g(mutex_);

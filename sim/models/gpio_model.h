@@ -17,6 +17,7 @@ public:
     enum class Mode : uint8_t { Input, Output, OpenDrain };
     struct PulseTrain {
         uint32_t mask, width_us, period_us, count;
+        uint64_t start_us;  // adapter time of the first rising edge
     };
 
     // Level the outside world drives onto the pins of `mask`.

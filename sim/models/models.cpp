@@ -7,6 +7,10 @@
 #include "i2c_model.h"
 #include "spi_model.h"
 #include "uart_model.h"
+#include "adc_model.h"
+#include "counter_model.h"
+#include "dac_model.h"
+#include "pwm_model.h"
 
 namespace polybus_sim {
 
@@ -18,6 +22,10 @@ void install_models(Adapter& adapter) {
     adapter.model<I2cModel>();
     adapter.model<SpiModel>();
     adapter.model<UartModel>();
+    adapter.model<PwmModel>();
+    adapter.model<CounterModel>();
+    adapter.model<DacModel>();
+    adapter.model<AdcModel>();
 }
 
 }  // namespace polybus_sim

@@ -92,6 +92,8 @@ void teardown_context() {
 }
 }  // namespace
 
+libusb_context* usb_context() { return ctx; }
+
 int close_device(libusb_device_handle* handle) {
     if (handle != nullptr) libusb_close(handle);
     return 1;

@@ -30,6 +30,10 @@ UsbDevNode* usb_list_post_with_dev(libusb_device* dev);
 UsbDevNode* usb_list_post_with_index(int index);
 uint32_t usb_list_get_index(uint32_t handle);
 
+// The libusb context every device of the list belongs to (null before the first scan):
+// asynchronous transfers are completed by handling this context's events.
+libusb_context* usb_context();
+
 // True when the handle names a listed adapter that is currently open.
 bool usb_device_is_open(int handle);
 
