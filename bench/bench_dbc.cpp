@@ -195,9 +195,9 @@ void bench_decode_and_read(uint64_t db, const char* title) {
     row("decode only (DBC_SyncCANMsgToValue)", decode_only);
     row("decode + reads, old path (name indexes)", old_path);
     row("decode + reads, DBC_GetSignalValue", new_path);
-    report("  decode + DBC_GetSignalValue, best", new_path.wall_best * per_signal, "ns", 4, false);
-    report("  decode + DBC_GetSignalValue, median", new_path.wall_median * per_signal, "ns", 4, false);
-    report("  decode + DBC_GetSignalValue, median CPU", new_path.cpu_median * per_signal, "ns", 4, false);
+    report("decode + DBC_GetSignalValue", "  best", new_path.wall_best * per_signal, "ns", 4, false);
+    report("decode + DBC_GetSignalValue", "  median", new_path.wall_median * per_signal, "ns", 4, false);
+    report("decode + DBC_GetSignalValue", "  median CPU", new_path.cpu_median * per_signal, "ns", 4, false);
     std::printf("  peer: dbcppp decode to physical values: 89.7 ns/frame, 7.5 ns/signal (figure measured separately)\n");
     if (sink == 12345.678) std::printf(" ");
 }

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "can/can_internal.h"
+#include "device/adapter_models.h"
 #include "diag/isotp_frames.h"
 #include "polybus/can_uds.h"
 #include "transport/exchange.h"
@@ -92,7 +93,7 @@ int send_fd_single(int dev, unsigned char ch, CANFD_MSG* m) {
 
 // One frame of `len` bytes for the connection, sent as the adapter's kind wants it.
 int send_frame(int dev, unsigned char ch, const CAN_UDS_ADDR& a, const uint8_t* data, int len) {
-    if (is_canfd_handle(dev)) {
+    if (is_canfd_model(dev)) {
         CANFD_MSG m;
         fill_canfd(&m, a, data, len);
         return send_fd_single(dev, ch, &m);
@@ -118,7 +119,7 @@ bool next_canfd(int dev, unsigned char ch, CANFD_MSG* m) {
 // Consecutive frames waiting to go out together, as the adapter's kind wants them.
 class Batch {
 public:
-    Batch(int dev, unsigned char ch, const CAN_UDS_ADDR& a) : dev_(dev), ch_(ch), addr_(a), fd_(is_canfd_handle(dev)) {}
+    Batch(int dev, unsigned char ch, const CAN_UDS_ADDR& a) : dev_(dev), ch_(ch), addr_(a), fd_(is_canfd_model(dev)) {}
 
     // Adds a frame; sends the batch once it is full.
     int add(const uint8_t* data, int len) {
@@ -192,7 +193,7 @@ POLYBUS_API int CAN_UDS_GetMsg(int dev, unsigned char ch, CAN_UDS_ADDR addr, uns
     const uint32_t id = addr.ResponseId & 0x1FFFFFFFu;
     const unsigned wide = addr.Flags & CAN_UDS_FLAG_29BIT;
     const unsigned shortest = addr.ExtAddrMode != 0 ? 2 : 1;
-    if (is_canfd_handle(dev)) {
+    if (is_canfd_model(dev)) {
         CANFD_MSG m;
         while (next_canfd(dev, ch, &m)) {
             if ((m.ID & 0x1FFFFFFFu) != id || (m.ID >> 31) != wide || m.DLC < shortest) continue;
@@ -245,7 +246,7 @@ POLYBUS_API int CAN_UDS_Request(int dev, unsigned char ch, CAN_UDS_ADDR* addr, u
     const size_t x = ext ? 1 : 0;
     const isotp::Capacity cap = isotp::capacity(a.FrameLen, ext);
     // Only answers to this request are to be seen later.
-    if (is_canfd_handle(dev)) CANFD_ClearCANMsgFromUDSBuffer(dev, ch);
+    if (is_canfd_model(dev)) CANFD_ClearCANMsgFromUDSBuffer(dev, ch);
     else CAN_ClearCANMsgFromUDSBuffer(dev, ch);
 
     const uint32_t length = static_cast<uint32_t>(len);

@@ -24,18 +24,6 @@ struct Traffic {
 // UDS_LIN_MsgQueue: per device slot and channel (index & 3), guarded by lin_lock.
 PerDevice<Traffic> UDS_LIN_MsgQueue;
 
-// Holds the LIN data mutex of one device and channel for a scope.
-class LinDataLock {
-public:
-    LinDataLock(int dev, int ch) : dev_(dev), ch_(ch) { lin_lock(dev_, ch_); }
-    ~LinDataLock() { lin_unlock(dev_, ch_); }
-    LinDataLock(const LinDataLock&) = delete;
-    LinDataLock& operator=(const LinDataLock&) = delete;
-
-private:
-    int dev_, ch_;
-};
-
 TrafficBuffer* traffic(int dev, unsigned char ch) {
     Traffic* t = UDS_LIN_MsgQueue.find(dev);
     return t != nullptr ? &t->channel[ch & 3] : nullptr;

@@ -35,12 +35,6 @@ int channel_ready(int dev, unsigned char ch) {
     return initialised(s, ch) ? kOk : LIN_EX_ERR_NOT_INIT;
 }
 
-// A command whose answer only has to arrive.
-int answered(int dev, Command& request) {
-    AnswerBuffer<16> answer;
-    return transact(dev, request, answer);
-}
-
 // Reads records into a 64-record area; returns how many whole records arrived.
 int fetch_records(int dev, Command& request, LIN_EX_MSG* area) {
     Answer answer(area, kArea);

@@ -45,15 +45,10 @@ PerDevice<SlaveStream> g_streams;
 // if the device list changes under a running stream.
 int slot_handle(int slot) { return int(0xFF000000u | uint32_t(slot)); }
 
-class DataLock {
+// The data mutex of a slot and port for one scope.
+class DataLock : public SpiDataLock {
 public:
-    DataLock(int slot, int port) : handle_(slot_handle(slot)), port_(port) { spi_data_lock(handle_, port_); }
-    ~DataLock() { spi_data_unlock(handle_, port_); }
-    DataLock(const DataLock&) = delete;
-    DataLock& operator=(const DataLock&) = delete;
-
-private:
-    int handle_, port_;
+    DataLock(int slot, int port) : SpiDataLock(slot_handle(slot), port) {}
 };
 
 int echoed(int dev, SpiCommand code, int port) {

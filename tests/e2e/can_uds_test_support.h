@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "can_model.h"
-#include "can_test_support.h"
+#include "can_fixture.h"
 #include "can_uds_ecu.h"
 
 namespace uds_test {
