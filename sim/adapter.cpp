@@ -120,6 +120,11 @@ void Adapter::on(uint32_t command, Handler handler) {
     }
 }
 
+void Adapter::replace(uint32_t command, Handler handler) {
+    std::lock_guard<std::mutex> g(mutex_);
+    handlers_[command] = std::move(handler);
+}
+
 void Adapter::dispatch(Frame frame) {
     Handler handler;
     {

@@ -107,6 +107,8 @@ public:
     // Registers the handler of a command code. Each code has one owner: registering a
     // code a second time throws std::logic_error naming the code.
     void on(uint32_t command, Handler handler);
+    // Test side: a firmware that answers this code its own way, in place of the model.
+    void replace(uint32_t command, Handler handler);
     // Serves vendor control requests with this bRequest (the identifier and reset
     // requests are the adapter's own). The handler answers as UsbFunction::control.
     void on_vendor(uint8_t bRequest, std::function<int(const ControlSetup&, uint8_t*)> handler);

@@ -231,14 +231,14 @@ TEST_F(I2c, ReadAnswersAreJudgedByLength) {
     init(7);
     unsigned char buf[4] = {0xEE, 0xEE, 0xEE, 0xEE};
     // Status 0 with no data copies nothing and is 0; one byte short is -4.
-    adapter->on(IIC_READ, [this](const Frame& f) { adapter->answer(f.command, Payload().u8(0)); });
+    adapter->replace(IIC_READ, [this](const Frame& f) { adapter->answer(f.command, Payload().u8(0)); });
     EXPECT_EQ(IIC_ReadBytes(handle, 0, 0x50, buf, 4, 10), 0);
     EXPECT_EQ(buf[0], 0xEE);
-    adapter->on(IIC_READ, [this](const Frame& f) { adapter->answer(f.command, Payload().u8(0).u8(1).u8(2).u8(3)); });
+    adapter->replace(IIC_READ, [this](const Frame& f) { adapter->answer(f.command, Payload().u8(0).u8(1).u8(2).u8(3)); });
     EXPECT_EQ(IIC_ReadBytes(handle, 0, 0x50, buf, 4, 10), -4);
     EXPECT_EQ(buf[0], 0xEE);
     // A firmware status passes through as it is.
-    adapter->on(IIC_READ, [this](const Frame& f) { adapter->answer(f.command, Payload().u8(0x37)); });
+    adapter->replace(IIC_READ, [this](const Frame& f) { adapter->answer(f.command, Payload().u8(0x37)); });
     EXPECT_EQ(IIC_ReadBytes(handle, 0, 0x50, buf, 4, 10), 0x37);
 
     place_eeprom({0x50, 256, 8, 0});

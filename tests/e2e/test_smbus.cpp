@@ -137,7 +137,7 @@ TEST_F(Smbus, BlockReadsReportAMissingHeaderAsItIs) {
 
     // An answer longer than the block area is drained: nothing lands in the caller's buffer.
     std::vector<unsigned char> big(SMBUS_BLOCK_MAX, 0xEE);
-    adapter->on(SMBUS_BLOCK_READ, [this](const Frame& f) {
+    adapter->replace(SMBUS_BLOCK_READ, [this](const Frame& f) {
         Payload p;
         p.bytes.assign(SMBUS_BLOCK_MAX + 10, 0x11);
         p.bytes[0] = 0;

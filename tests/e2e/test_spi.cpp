@@ -78,7 +78,7 @@ TEST_F(Spi, InitSendsTheSixSettingsAndTheClock) {
     ASSERT_EQ(SPI_Init(handle, 1, &c), 0);
     EXPECT_EQ(trace->sends(SPI_INIT)[0].data, (Bytes{1, 1, 0, 1, 1, 1, 1, 0x00, 0x2F, 0xAF, 0x08}));
     EXPECT_EQ(spi().setup(1).clock_hz, 3125000u);
-    adapter->on(SPI_INIT, [this](const Frame& f) { adapter->answer(f.command, Payload().u8(0)); });
+    adapter->replace(SPI_INIT, [this](const Frame& f) { adapter->answer(f.command, Payload().u8(0)); });
     EXPECT_EQ(SPI_Init(handle, 1, &c), -4) << "a one-byte answer";
 }
 
@@ -97,11 +97,11 @@ TEST_F(Spi, ByteTransfersAgainstAShiftRegister) {
     EXPECT_EQ(shift->received(), (Bytes{1, 2, 3, 0xFF, 0xFF, 1, 2, 3, 1, 0xFF, 0xFF}));
 
     // Reads are not length-checked, and never written past ReadLen.
-    adapter->on(SPI_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes{9, 9, 9, 9}); });
+    adapter->replace(SPI_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes{9, 9, 9, 9}); });
     std::memset(in, 0, sizeof in);
     EXPECT_EQ(SPI_ReadBytes(handle, 0, in, 2), 0);
     EXPECT_EQ(Bytes(in, in + 4), (Bytes{9, 9, 0, 0}));
-    adapter->on(SPI_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes{7}); });
+    adapter->replace(SPI_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes{7}); });
     EXPECT_EQ(SPI_ReadBytes(handle, 0, in, 2), 0);
 }
 
@@ -120,7 +120,7 @@ TEST_F(Spi, BlockTransfersSelectOncePerBlock) {
     EXPECT_EQ(Bytes(in, in + 2), (Bytes{2, 4}));
 
     // A block read of the wrong length is -4, with what came copied all the same.
-    adapter->on(SPI_BLOCK_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes{5, 6}); });
+    adapter->replace(SPI_BLOCK_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes{5, 6}); });
     std::memset(in, 0, sizeof in);
     EXPECT_EQ(SPI_BlockReadBytes(handle, 0, in, 3, 1, 0), -4);
     EXPECT_EQ(Bytes(in, in + 3), (Bytes{5, 6, 0}));
@@ -208,7 +208,7 @@ TEST_F(Spi, EventTransfersWaitForThePins) {
     EXPECT_EQ(SPI_WriteBytesOfEvent(handle, 0, out, 2, 0x20, 0, 40), -4);
     adapter->inject(Fault::ShortPayload, SPI_BLOCK_READ_EVENT);
     EXPECT_EQ(SPI_BlockReadBytesOfEvent(handle, 0, in, 2, 2, 0x20, 0, 50), -4);
-    adapter->on(SPI_BLOCK_WRITE_EVENT, [this](const Frame& f) { adapter->answer(f.command, Bytes{0, 0}); });
+    adapter->replace(SPI_BLOCK_WRITE_EVENT, [this](const Frame& f) { adapter->answer(f.command, Bytes{0, 0}); });
     EXPECT_EQ(SPI_BlockWriteBytesOfEvent(handle, 0, out, 1, 2, 0x20, 0, 50), -4);
 }
 
@@ -249,11 +249,11 @@ TEST_F(Spi, FlashCommandsRunInTheAdapter) {
     EXPECT_EQ(mem[0x1000], 0x12) << "only sector 0 was erased";
 
     // A short read is -4 with what came in place; the fast read takes any answer.
-    adapter->on(SPI_FLASH_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes{1, 2}); });
+    adapter->replace(SPI_FLASH_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes{1, 2}); });
     std::fill(back.begin(), back.end(), 0);
     EXPECT_EQ(SPI_FlashRead(handle, 1, 0, back.data(), 4), -4);
     EXPECT_EQ(back[1], 2);
-    adapter->on(SPI_FLASH_READ_FAST, [this](const Frame& f) { adapter->answer(f.command, Bytes{1, 2}); });
+    adapter->replace(SPI_FLASH_READ_FAST, [this](const Frame& f) { adapter->answer(f.command, Bytes{1, 2}); });
     EXPECT_EQ(SPI_FlashReadFast(handle, 1, 0, back.data(), 4), 0);
     adapter->inject(Fault::Oversized, SPI_FLASH_WRITE);
     EXPECT_EQ(SPI_FlashWrite(handle, 1, 0, data.data(), 4), -4);
@@ -270,13 +270,13 @@ TEST_F(Spi, FlashIdLengthZeroBecomesOne) {
     unsigned char id[3] = {};
     ASSERT_EQ(SPI_FlashReadID(handle, 1, id), 0);
     EXPECT_EQ(id[0], 0xEF);
-    adapter->on(SPI_FLASH_READ_ID, [this](const Frame& f) { adapter->answer(f.command, Bytes{1, 2, 3}); });
+    adapter->replace(SPI_FLASH_READ_ID, [this](const Frame& f) { adapter->answer(f.command, Bytes{1, 2, 3}); });
     EXPECT_EQ(SPI_FlashReadID(handle, 1, id), -4);
     // A rejected init is not remembered.
     f.IDLength = 3;
     adapter->inject(Fault::Oversized, SPI_FLASH_INIT);
     EXPECT_EQ(SPI_FlashInit(handle, 1, 1000000, &f), -4);
-    adapter->on(SPI_FLASH_READ_ID, [this](const Frame& fr) { adapter->answer(fr.command, Bytes{1}); });
+    adapter->replace(SPI_FLASH_READ_ID, [this](const Frame& fr) { adapter->answer(fr.command, Bytes{1}); });
     EXPECT_EQ(SPI_FlashReadID(handle, 1, id), 0);
 }
 
@@ -355,7 +355,7 @@ TEST_F(Spi, SingleSlaveTransfersAgainstASimulatedMaster) {
     EXPECT_EQ(SPI_SlaveWriteReadBytes(handle, 0, w, 1, big.data(), SPI_SLAVE_DUPLEX_READ_MAX + 1, 10),
               SPI_ERR_ARGUMENT);
     EXPECT_TRUE(trace->sends().empty());
-    adapter->on(SPI_SLAVE_WRITE_READ, [this](const Frame& f) {
+    adapter->replace(SPI_SLAVE_WRITE_READ, [this](const Frame& f) {
         adapter->answer(f.command, Payload().be32(1).be32(6).u8(1).u8(2).u8(3).u8(4).u8(5).u8(6));
     });
     std::memset(in, 0, sizeof in);

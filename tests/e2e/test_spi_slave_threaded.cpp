@@ -28,16 +28,6 @@ int threads_of_process() {
     return n;
 }
 
-template <typename F>
-bool eventually(F done, std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > until) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 class SlaveStream : public SimTest {
 protected:
     SpiModel& spi() { return model<SpiModel>(); }

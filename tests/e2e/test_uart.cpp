@@ -155,7 +155,7 @@ TEST_F(Uart, RejectedAnswersAndRequests) {
     EXPECT_EQ(UART_ClearData(handle, 0), -4);
 
     // A read answer longer than the documented maximum is drained, not written past it.
-    adapter->on(UART_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes(UART_READ_MAX + 50, 0x33)); });
+    adapter->replace(UART_READ, [this](const Frame& f) { adapter->answer(f.command, Bytes(UART_READ_MAX + 50, 0x33)); });
     std::vector<unsigned char> guard(UART_READ_MAX + 50, 0);
     EXPECT_EQ(UART_ReadBytes(handle, 0, guard.data(), 0), UART_READ_MAX);
     EXPECT_EQ(guard[UART_READ_MAX], 0);

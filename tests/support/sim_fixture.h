@@ -73,7 +73,7 @@ std::vector<int> scan();
 // Polls `done` every 2 ms for up to `limit`: for what the simulated adapter does in
 // its own time (bus traffic, reader threads).
 template <typename F>
-bool eventually(F done, std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
+bool eventually(F done, std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
     const auto until = std::chrono::steady_clock::now() + limit;
     while (!done()) {
         if (std::chrono::steady_clock::now() > until) return false;
