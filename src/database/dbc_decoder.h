@@ -153,6 +153,9 @@ private:
     class Parser;
     friend class Parser;
 
+    // The name and identifier indexes alone; the codec tables are then built by the
+    // first call that needs them (frames, setting and reading values by name).
+    void rebuild_indexes();
     void build_codec();
     void add_signal_table(dbc_detail::MessageCodec& c);
     int cached_message(const char* name) const;
