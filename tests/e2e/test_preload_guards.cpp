@@ -91,7 +91,9 @@ TEST(PreloadGuards, SignalMaskSurvivesWrappedCallsBesideBlockedThreads) {
         struct stat st;
         for (int i = 0; i < 20000; ++i) {
             stat("/sys/bus/usb/devices", &st);
-            if (i % 100 == 0) ASSERT_TRUE(same_mask(current_mask(), expected)) << "after " << i << " calls";
+            if (i % 100 == 0) {
+                ASSERT_TRUE(same_mask(current_mask(), expected)) << "after " << i << " calls";
+            }
         }
     }
     EXPECT_TRUE(same_mask(current_mask(), expected));
