@@ -99,7 +99,8 @@ int main(int argc, char** argv) {
     flash.SectorSize = SECTOR;
     flash.IDLength = 3;
     if (SPI_Init(dev, 0, &spi) != 0 || SPI_FlashInit(dev, 0, 25000000, &flash) != 0 ||
-        SPI_FlashReadID(dev, 0, id) != 0) {
+        SPI_FlashReadID(dev, 0, id) != 0 || (id[0] == 0xFF && id[1] == 0xFF) || (id[0] == 0 && id[1] == 0)) {
+        /* An undriven MISO line reads all ones (or all zeros with a pull-down). */
         printf("no flash answers on SPI port 0\n");
         goto done;
     }

@@ -38,6 +38,8 @@
  *  - A reader thread that ended on its own (unplug) is joined by the next start,
  *    stop, ADC_WaitForThreadExit, or at unload.
  *  - The reader never frees its transfer while the transfer is still in flight.
+ *  - A stream that ended on a transfer error keeps its reader waiting for the stop,
+ *    but an unplug noticed then ends the reader as an unplug during streaming does.
  *  - Frames the list drops (at unload) are freed whole, node and buffer.
  *  - The frame list is not bounded: drain it while streaming to a null callback.
  */

@@ -77,7 +77,7 @@ std::unique_ptr<Piece> read_bus(Table& t, Context& ctx) {
                 world::find_channel(t, ctx, item, "CAN channels", CanModel::kChannels, adapter, ch);
             } else {
                 Table entry(*item.as_table(), t.file(), t.what());
-                world::find_channel(t, ctx, *entry.node("channel"), "CAN channels", CanModel::kChannels, adapter, ch);
+                world::find_channel(t, ctx, entry.required("channel"), "CAN channels", CanModel::kChannels, adapter, ch);
             }
             if (auto taken = ctx.find<std::string>("can_channel", text))
                 t.fail_node(item, "channel " + text + " is already on bus '" + *taken + "'");

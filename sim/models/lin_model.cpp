@@ -58,7 +58,6 @@ public:
     bool schedule_running = false;
     uint64_t schedule_frames = 0;
     std::deque<LinRecord> schedule_results;
-    std::vector<std::vector<uint8_t>> sync_requests;
     std::shared_ptr<LinBus> bus = std::make_shared<LinBus>();
 
     bool respond(uint8_t pid, std::vector<uint8_t>& bytes) override {
@@ -147,7 +146,6 @@ LinModel::LinModel(Adapter& a) : adapter_(a) {
         {
             std::lock_guard<std::mutex> g(c.mutex);
             ready = c.initialised;
-            c.sync_requests.push_back(f.payload);
         }
         if (!ready) return adapter_.answer(f.command);
         const size_t n = (f.payload.size() - 1) / kRecord;
@@ -570,7 +568,6 @@ LinModel::ChannelInfo LinModel::channel(int index) {
     i.schedule_running = c.schedule_running;
     i.schedule_frames = c.schedule_frames;
     i.table_entries = c.table.size();
-    i.sync_requests = c.sync_requests;
     return i;
 }
 

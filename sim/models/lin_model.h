@@ -75,7 +75,6 @@ public:
         bool schedule_running = false;
         uint64_t schedule_frames = 0;
         size_t table_entries = 0;
-        std::vector<std::vector<uint8_t>> sync_requests;  // payloads of LIN_EX_MASTER_SYNC
     };
     ChannelInfo channel(int ch);
     // The ID-mode table as the adapter holds it.

@@ -144,22 +144,30 @@ int preload_sigmask(SigmaskFn real, int how, const sigset_t* set, sigset_t* old)
             if (r != 0) return r;
             t.full = true;
         }
-        *old = prev;
+        // The preload's own copy (its shared variable, for the path lock) is only
+        // read back by the restoring call below, which uses ours instead; writing
+        // it from every thread at once is the race, so it stays untouched.
         if (t.depth < kMaxSaved) {
             t.where[t.depth] = old;
             t.saved[t.depth] = prev;
+            ++t.depth;
+        } else {
+            *old = prev;
         }
-        ++t.depth;
         return 0;
     }
     if (how == SIG_SETMASK && set && !old) {
         // Leaving it: restore what this thread saved, not what the shared variable
-        // says now.
-        sigset_t mask = *set;
-        if (t.depth > 0) {
-            --t.depth;
-            if (t.depth < kMaxSaved && t.where[t.depth] == set) mask = t.saved[t.depth];
+        // says now (innermost first; a section left without restoring is skipped).
+        const sigset_t* restore = set;
+        for (int i = t.depth - 1; i >= 0; --i) {
+            if (t.where[i] == set) {
+                restore = &t.saved[i];
+                t.depth = i;
+                break;
+            }
         }
+        const sigset_t mask = *restore;
         const bool full = is_full(mask);
         if (t.full && full) return 0;
         int r = real(SIG_SETMASK, &mask, nullptr);

@@ -53,6 +53,12 @@ const toml::node* Table::node(const std::string& key) {
     return table_.get(key);
 }
 
+const toml::node& Table::required(const std::string& key) {
+    const toml::node* n = node(key);
+    if (n == nullptr) fail("missing key '" + key + "'");
+    return *n;
+}
+
 Location Table::where() const { return location_of(table_.source(), file_); }
 
 Location Table::where(const std::string& key) const {

@@ -75,7 +75,8 @@ public:
     const std::string& what() const { return what_; }  // "can_bus 'powertrain'", for messages
     void rename(std::string what) { what_ = std::move(what); }
     bool has(const std::string& key) const;
-    const toml::node* node(const std::string& key);  // marks the key as read
+    const toml::node* node(const std::string& key);  // marks the key as read; null when absent
+    const toml::node& required(const std::string& key);  // refuses a missing key
 
     std::string string(const std::string& key);  // required
     std::string string(const std::string& key, const std::string& fallback);

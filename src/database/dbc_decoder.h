@@ -138,9 +138,9 @@ public:
 
     // The work of the exported functions on a valid database (results as there).
     // Setting and reading by name try the message of the last look-up by name and the
-    // signal after the last one found first (both confirmed by comparing the names),
-    // then the name indexes; inline, so that the exported calls run without a further
-    // call in the common case of a message's signals taken in the same order each time.
+    // signal last found for the same name string first (both confirmed by comparing
+    // the names), then the signal after the last one found, then the name indexes;
+    // inline, so that the exported calls run without a further call in the common case.
     int setSignalValue(const char* messageName, const char* signalName, double value);
     int getSignalValue(const char* messageName, const char* signalName, double* value);
     int syncCANMsgToValue(const CAN_MSG* frames, int count);
@@ -153,6 +153,9 @@ private:
     class Parser;
     friend class Parser;
 
+    // The name and identifier indexes alone; the codec tables are then built by the
+    // first call that needs them (frames, setting and reading values by name).
+    void rebuild_indexes();
     void build_codec();
     void add_signal_table(dbc_detail::MessageCodec& c);
     int cached_message(const char* name) const;

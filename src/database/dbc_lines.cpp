@@ -387,7 +387,7 @@ DBC_Decoder::DBC_Decoder(const std::string& path, const std::string& /*encoding*
     if (polybus::text::read_file(path, text)) Parser(*this).run(text.view(), true);
     if (polybus::text::read_file(path, text)) Parser(*this).run(text.view(), false);
     post_pass(*this);
-    reindex();
+    rebuild_indexes();  // the codec tables follow on first use
 }
 
 void DBC_Decoder::parseText(DBC_Decoder& db, std::string_view text) {
@@ -397,7 +397,7 @@ void DBC_Decoder::parseText(DBC_Decoder& db, std::string_view text) {
     parser.run(copy, true);
     parser.run(copy, false);
     post_pass(db);
-    db.reindex();
+    db.rebuild_indexes();
 }
 
 DBC_SIGNAL DBC_Decoder::getSignalValues(const std::vector<std::string>& tokens) {

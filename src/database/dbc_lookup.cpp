@@ -6,6 +6,11 @@
 #include "polybus/dbc.h"
 
 void DBC_Decoder::reindex() {
+    rebuild_indexes();
+    build_codec();
+}
+
+void DBC_Decoder::rebuild_indexes() {
     invalidate_codec();
     index_msg_name_.clear();
     index_signal_.clear();
@@ -34,7 +39,6 @@ void DBC_Decoder::reindex() {
         index_attr_def_.insert_first(dbc_detail::hash_str(name), i, 0,
                                      [&](const auto& s) { return attributeDefinitions[s.a].name == name; });
     }
-    build_codec();
 }
 
 int DBC_Decoder::findMessage(std::string_view name) const {

@@ -83,11 +83,20 @@ struct Reader {
     uint32_t frame_bytes;
     unsigned char* buffer;
     std::atomic<bool> in_flight{false};
+    std::atomic<uint64_t> completions{0};
 };
+
+// True when libusb reports the adapter gone. A stalled stream probes with this: a
+// transfer submitted just as the adapter vanished may never be given back.
+bool device_gone(libusb_device_handle* usb) {
+    int config = 0;
+    return libusb_get_configuration(usb, &config) == LIBUSB_ERROR_NO_DEVICE;
+}
 
 void LIBUSB_CALL frame_done(libusb_transfer* t) {
     auto* r = static_cast<Reader*>(t->user_data);
     AdcState& s = *r->state;
+    ++r->completions;
     switch (t->status) {
         case LIBUSB_TRANSFER_COMPLETED: {
             const uint32_t got = static_cast<uint32_t>(std::max(t->actual_length, 0));
@@ -148,15 +157,26 @@ void reader_main(AdcState* s, int handle, uint32_t frame_size) {
     s->context = ctx;
 
     timeval wait{kWaitMs / 1000, 0};
-    while (s->exit_flag.load() == 0) libusb_handle_events_timeout(ctx, &wait);
+    timeval idle{0, 100000};
+    while (s->exit_flag.load() == 0) {
+        const uint64_t before = r->completions.load();
+        libusb_handle_events_timeout(ctx, r->in_flight.load() ? &wait : &idle);
+        // Nothing came in a whole round, or the stream ended on an error: the reader
+        // waits for the stop, but an unplug must still end it.
+        if (s->exit_flag.load() == 0 && r->completions.load() == before && device_gone(usb)) {
+            s->exit_flag = 1;
+            s->exited_flag = 1;
+        }
+    }
 
     // Let frames already on their way complete, then cancel the transfer and wait until
     // libusb has given it back: it is never freed while in flight.
     timeval round{0, 10000};
     for (int i = 0; i < kDrainRounds && r->in_flight.load(); ++i) libusb_handle_events_timeout(ctx, &round);
-    if (r->in_flight.load()) libusb_cancel_transfer(t);
-    for (int i = 0; i < kDrainRounds + kCancelRounds && r->in_flight.load(); ++i)
-        libusb_handle_events_timeout(ctx, &round);
+    // A cancel that libusb refuses (the adapter is gone) gets the short wait only.
+    const bool cancelled = r->in_flight.load() && libusb_cancel_transfer(t) == 0;
+    const int rounds = kDrainRounds + (cancelled ? kCancelRounds : 0);
+    for (int i = 0; i < rounds && r->in_flight.load(); ++i) libusb_handle_events_timeout(ctx, &round);
     s->context = nullptr;
     if (!r->in_flight.load()) {
         libusb_free_transfer(t);

@@ -99,7 +99,9 @@ TEST(PreloadGuards, SignalMaskSurvivesWrappedCallsBesideBlockedThreads) {
     EXPECT_TRUE(same_mask(current_mask(), expected));
     // A program started now inherits this mask, not a fully blocked one.
     pid_t child = fork();
-    if (child == 0) _exit(same_mask(current_mask(), expected) ? 0 : 1);
+    if (child == 0) {
+        _exit(same_mask(current_mask(), expected) ? 0 : 1);
+    }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);

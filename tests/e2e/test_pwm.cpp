@@ -207,8 +207,8 @@ TEST_F(Pwm, CaptureAndCountersMeasureTheOutput) {
     w.pwm_source[1] = 0;  // counter 1 watches output 0 too
     model<CounterModel>().wire(w);
     ASSERT_EQ(CNT_Start(handle, 0x3), 0);
+    const auto start = std::chrono::steady_clock::now();  // before the adapter starts the output
     ASSERT_EQ(PWM2_Start(handle, 0, 0), 0);
-    const auto start = std::chrono::steady_clock::now();
     settle(300);
 
     ASSERT_EQ(PWM_CAP_GetData(handle, 0, &cap), 0);
