@@ -42,10 +42,11 @@ test-asan: deps
 	cmake --build $(BUILD)-asan -j$(JOBS)
 	cd $(BUILD)-asan && ctest --output-on-failure -j$(JOBS)
 
-# The threaded tests (label "threaded") under ThreadSanitizer.
+# The threaded tests (label "threaded") under ThreadSanitizer; only they are built.
+THREADED_TESTS = $(notdir $(basename $(wildcard tests/unit/*threaded*.cpp tests/e2e/*threaded*.cpp)))
 test-tsan: deps
 	cmake -S . -B $(BUILD)-tsan -DPOLYBUS_SANITIZE=thread -DPOLYBUS_BENCH=OFF
-	cmake --build $(BUILD)-tsan -j$(JOBS)
+	cmake --build $(BUILD)-tsan -j$(JOBS) --target $(THREADED_TESTS)
 	cd $(BUILD)-tsan && ctest --output-on-failure -L threaded
 
 # Every benchmark runs; a figure that misses its target prints a "MISS: ..." line
