@@ -25,9 +25,10 @@
  *  - A section is found at the first occurrence of its name directly followed by "{".
  *    Sections of any length are read whole (large clusters have Signals and Frames
  *    sections far beyond 32 KiB).
- *  - Numbers read "with base detection" follow C: 0x.. is hexadecimal and a leading 0
- *    is octal; other numbers are decimal; text that is not a number reads as 0, and
- *    unit letters after a number are ignored.
+ *  - Numbers read "with base detection" take 0x.. as hexadecimal and everything else as
+ *    decimal (a leading 0 is not octal: files write "010" meaning ten); text that is
+ *    not a number reads as 0, and unit letters after a number are ignored. Decimal
+ *    points are '.' whatever the application's locale.
  *  - Fixed-size name lists keep their first entries and ignore the rest: 16 slaves,
  *    16 subscribers per signal, 64 fault-state signals and 64 configurable frames per
  *    node. Unbalanced braces or quotes end the section or entry where the text ends;

@@ -3,7 +3,6 @@
 // which is how the records' quirks (first-occurrence sections, length rules for
 // entries, copied bytes of diagnostic signals) come about.
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -14,7 +13,7 @@
 #include <unordered_map>
 
 #include "database/ldf_internal.h"
-#include <charconv>
+#include "util/text_scan.h"
 
 namespace polybus {
 namespace ldf {
@@ -297,43 +296,11 @@ string_view section(string_view text, string_view name) {
     return text.substr(open);
 }
 
-int64_t integer(string_view s) {
-    size_t i = 0;
-    bool negative = false;
-    if (i < s.size() && (s[i] == '+' || s[i] == '-')) negative = s[i++] == '-';
-    unsigned base = 10;
-    if (i + 1 < s.size() && s[i] == '0' && (s[i + 1] == 'x' || s[i + 1] == 'X') && i + 2 < s.size() &&
-        std::isxdigit(static_cast<unsigned char>(s[i + 2]))) {
-        base = 16;
-        i += 2;
-    } else if (i < s.size() && s[i] == '0') {
-        base = 8;
-    }
-    uint64_t v = 0;
-    bool saturated = false;
-    for (; i < s.size(); ++i) {
-        const char c = s[i];
-        unsigned d;
-        if (c >= '0' && c <= '9') d = static_cast<unsigned>(c - '0');
-        else if (c >= 'a' && c <= 'f') d = static_cast<unsigned>(c - 'a' + 10);
-        else if (c >= 'A' && c <= 'F') d = static_cast<unsigned>(c - 'A' + 10);
-        else break;
-        if (d >= base) break;
-        if (v > (UINT64_MAX - d) / base) saturated = true;
-        else v = v * base + d;
-    }
-    // Out of range saturates, as the C library's conversion does.
-    if (negative) return saturated || v > uint64_t{INT64_MAX} + 1 ? INT64_MIN : static_cast<int64_t>(0 - v);
-    return saturated || v > uint64_t{INT64_MAX} ? INT64_MAX : static_cast<int64_t>(v);
-}
+// The shared conversions: strtoll's and strtod's rules, with 0x detected and a leading
+// 0 read as decimal, independent of the application's locale.
+int64_t integer(string_view s) { return text::to_signed(s, 0); }
 
-double decimal(string_view s) {
-    // Independent of the application's locale: a decimal point is always '.'.
-    if (!s.empty() && s.front() == '+') s.remove_prefix(1);
-    double v = 0;
-    const auto r = std::from_chars(s.data(), s.data() + s.size(), v, std::chars_format::general);
-    return r.ec == std::errc() ? v : 0.0;
-}
+double decimal(string_view s) { return text::to_double(s); }
 
 uint32_t version_number(string_view quoted) {
     const string_view v = unquote(quoted).substr(0, 16);

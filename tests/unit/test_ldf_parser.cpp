@@ -63,7 +63,7 @@ TEST(LdfText, CommentsAndWhiteSpaceGoQuotedSpacesStay) {
 
 TEST(LdfText, NumbersAndVersions) {
     EXPECT_EQ(integer("0x3C"), 60);
-    EXPECT_EQ(integer("010"), 8) << "a leading 0 is octal";
+    EXPECT_EQ(integer("010"), 10) << "a leading 0 is not octal";
     EXPECT_EQ(integer("-12ms"), -12);
     EXPECT_EQ(integer("abc"), 0);
     EXPECT_EQ(integer("99999999999999999999"), INT64_MAX);
