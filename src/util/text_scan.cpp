@@ -143,31 +143,30 @@ bool Cursor::quoted(std::string_view& out) {
     return true;
 }
 
-bool Cursor::integer(int64_t& out) {
+std::string_view Cursor::integer_text() {
     const char* save = p_;
     skip_space();
     const std::string_view r = rest();
     const IntText t = scan_integer(r, 0);
     if (t.used == 0) {
         p_ = save;
-        return false;
+        return std::string_view();
     }
-    out = to_signed(r.substr(0, t.used), 0);
     p_ += t.used;
+    return r.substr(0, t.used);
+}
+
+bool Cursor::integer(int64_t& out) {
+    const std::string_view text = integer_text();
+    if (text.empty()) return false;
+    out = to_signed(text, 0);
     return true;
 }
 
 bool Cursor::unsigned_integer(uint64_t& out) {
-    const char* save = p_;
-    skip_space();
-    const std::string_view r = rest();
-    const IntText t = scan_integer(r, 0);
-    if (t.used == 0) {
-        p_ = save;
-        return false;
-    }
-    out = to_unsigned(r.substr(0, t.used), 0);
-    p_ += t.used;
+    const std::string_view text = integer_text();
+    if (text.empty()) return false;
+    out = to_unsigned(text, 0);
     return true;
 }
 

@@ -388,6 +388,10 @@ public:
     bool number(double& out);
 
 private:
+    // The integer's text at the cursor (after white space), moving past it; empty, with
+    // the cursor where it was, when there is none.
+    std::string_view integer_text();
+
     const char* p_;
     const char* begin_;
     const char* end_;
