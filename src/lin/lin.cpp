@@ -74,6 +74,27 @@ std::unique_ptr<LIN_EX_MSG[]> work_area(size_t n) {
     return std::unique_ptr<LIN_EX_MSG[]>(new (std::nothrow) LIN_EX_MSG[n == 0 ? 1 : n]());
 }
 
+// Which identifiers travel with the enhanced checksum: those whose bits under `mask`
+// stay below `limit`. Writes and reads draw the line at different identifiers, and
+// callers see the difference on the bus, so each keeps its own rule.
+struct EnhancedBelow {
+    uint8_t mask, limit;
+    uint8_t check_for(uint8_t id) const { return (id & mask) < limit ? LIN_EX_CHECK_ENHANCED : LIN_EX_CHECK_CLASSIC; }
+};
+
+// Carries older records through LIN_EX_MasterSync; what a read brings back goes into
+// the caller's records.
+int sync_translated(int dev, int ch, LIN_MSG* msgs, int count, uint8_t type, EnhancedBelow rule) {
+    auto in = work_area(count), out = work_area(size_t(count) * 2);
+    if (!in || !out) return kBadAnswer;
+    for (int i = 0; i < count; ++i) in[i] = from_classic(msgs[i], type, rule.check_for(msgs[i].ID));
+    const int n = LIN_EX_MasterSync(dev, static_cast<unsigned char>(ch), in.get(), out.get(), static_cast<unsigned>(count));
+    if (n != count) return kBadAnswer;
+    if (type == LIN_EX_MSG_MASTER_READ)
+        for (int i = 0; i < count; ++i) to_classic(out[i], msgs[i], false);
+    return kOk;
+}
+
 }  // namespace
 
 extern "C" {
@@ -105,17 +126,8 @@ POLYBUS_API int LIN_SendBreak(int DevHandle, int LINIndex) {
 POLYBUS_API int LIN_Write(int DevHandle, int LINIndex, LIN_MSG* pLINMsg, int MsgLen) {
     if (MsgLen < 0) MsgLen = 0;
     if (pLINMsg == nullptr && MsgLen > 0) return kRefused;
-    if (new_api(DevHandle)) {
-        auto in = work_area(MsgLen), out = work_area(size_t(MsgLen) * 2);
-        if (!in || !out) return kBadAnswer;
-        for (int i = 0; i < MsgLen; ++i) {
-            const uint8_t check = (pLINMsg[i].ID & 0x3C) < 0x3C ? LIN_EX_CHECK_ENHANCED : LIN_EX_CHECK_CLASSIC;
-            in[i] = from_classic(pLINMsg[i], LIN_EX_MSG_MASTER_WRITE, check);
-        }
-        const int n = LIN_EX_MasterSync(DevHandle, static_cast<unsigned char>(LINIndex), in.get(), out.get(),
-                                        static_cast<unsigned>(MsgLen));
-        return n == MsgLen ? kOk : kBadAnswer;
-    }
+    if (new_api(DevHandle))
+        return sync_translated(DevHandle, LINIndex, pLINMsg, MsgLen, LIN_EX_MSG_MASTER_WRITE, {0x3C, 0x3C});
     Command request(LIN_WRITE, 1 + size_t(MsgLen) * kLinRecord);
     request.u8(static_cast<uint8_t>(LINIndex)).bytes(pLINMsg, size_t(MsgLen) * kLinRecord);
     return acknowledged(DevHandle, request, {1000, old_timeout_ms(DevHandle, LINIndex)});
@@ -124,19 +136,8 @@ POLYBUS_API int LIN_Write(int DevHandle, int LINIndex, LIN_MSG* pLINMsg, int Msg
 POLYBUS_API int LIN_Read(int DevHandle, int LINIndex, LIN_MSG* pLINMsg, int MsgLen) {
     if (MsgLen < 0) MsgLen = 0;
     if (pLINMsg == nullptr && MsgLen > 0) return kRefused;
-    if (new_api(DevHandle)) {
-        auto in = work_area(MsgLen), out = work_area(size_t(MsgLen) * 2);
-        if (!in || !out) return kBadAnswer;
-        for (int i = 0; i < MsgLen; ++i) {
-            const uint8_t check = (pLINMsg[i].ID & 0x3F) < 0x3D ? LIN_EX_CHECK_ENHANCED : LIN_EX_CHECK_CLASSIC;
-            in[i] = from_classic(pLINMsg[i], LIN_EX_MSG_MASTER_READ, check);
-        }
-        const int n = LIN_EX_MasterSync(DevHandle, static_cast<unsigned char>(LINIndex), in.get(), out.get(),
-                                        static_cast<unsigned>(MsgLen));
-        if (n != MsgLen) return kBadAnswer;
-        for (int i = 0; i < MsgLen; ++i) to_classic(out[i], pLINMsg[i], false);
-        return kOk;
-    }
+    if (new_api(DevHandle))
+        return sync_translated(DevHandle, LINIndex, pLINMsg, MsgLen, LIN_EX_MSG_MASTER_READ, {0x3F, 0x3D});
     Command request(LIN_READ, 1 + size_t(MsgLen));
     request.u8(static_cast<uint8_t>(LINIndex));
     for (int i = 0; i < MsgLen; ++i) request.u8(pLINMsg[i].ID);
