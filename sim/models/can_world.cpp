@@ -636,7 +636,16 @@ std::unique_ptr<Piece> read_uds_ecu(Table& t, Context& ctx) {
 
     // Data identifiers.
     if (const toml::table* ids = t.table("identifiers")) {
-        for (auto&& [key, value] : *ids) {
+        // In file order, so a repeated identifier is refused where it is repeated.
+        std::vector<std::pair<const toml::key*, const toml::node*>> entries;
+        for (auto&& [key, value] : *ids) entries.push_back({&key, &value});
+        std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
+            const toml::source_position pa = a.first->source().begin, pb = b.first->source().begin;
+            return pa.line != pb.line ? pa.line < pb.line : pa.column < pb.column;
+        });
+        for (auto [key_ptr, value_ptr] : entries) {
+            const toml::key& key = *key_ptr;
+            const toml::node& value = *value_ptr;
             const std::string text(key.str());
             uint16_t id = 0;
             if (!parse_identifier(text, id))
