@@ -599,9 +599,12 @@ std::unique_ptr<Piece> read_uds_ecu(Table& t, Context& ctx) {
     c.extended_ids = t.boolean("extended", false);
     c.request_id = t.has("request_id") ? read_id(t, "request_id", c.extended_ids) : c.extended_ids ? 0x18DA10F1 : 0x7E0;
     c.response_id = t.has("response_id") ? read_id(t, "response_id", c.extended_ids) : c.extended_ids ? 0x18DAF110 : 0x7E8;
-    if (c.request_id == c.response_id)
+    if (c.request_id == c.response_id) {
+        char both[16];
+        std::snprintf(both, sizeof(both), "0x%X", unsigned(c.request_id));
         t.fail_at(t.has("response_id") ? "response_id" : "request_id",
-                  "requests and responses need identifiers of their own (both are " + std::to_string(c.request_id) + ")");
+                  std::string("requests and responses need identifiers of their own (both are ") + both + ")");
+    }
 
     const std::string addressing = t.string("addressing", "normal");
     if (addressing != "normal" && addressing != "extended")

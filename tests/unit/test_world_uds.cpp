@@ -100,7 +100,7 @@ TEST(WorldUdsEcu, BusAndIdentifiersAreChecked) {
     expect_refused("[[can_uds_ecu]]\nbus = \"classic\"\nrequest_id = 0x800\n", "(set extended = true for a 29-bit", 3);
     expect_refused("[[can_uds_ecu]]\nbus = \"classic\"\nextended = true\nresponse_id = 0x20000000\n",
                    "must be 0 to 0x1FFFFFFF", 4);
-    expect_refused("[[can_uds_ecu]]\nbus = \"classic\"\nresponse_id = 0x7E0\n", "identifiers of their own", 3);
+    expect_refused("[[can_uds_ecu]]\nbus = \"classic\"\nresponse_id = 0x7E0\n", "identifiers of their own (both are 0x7E0)", 3);
     // The 29-bit defaults differ from each other too, but a given one may collide with them.
     expect_refused("[[can_uds_ecu]]\nbus = \"classic\"\nextended = true\nrequest_id = 0x18DAF110\n",
                    "identifiers of their own");
