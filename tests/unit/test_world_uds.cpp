@@ -104,7 +104,6 @@ TEST(WorldUdsEcu, BusAndIdentifiersAreChecked) {
     // The 29-bit defaults differ from each other too, but a given one may collide with them.
     expect_refused("[[can_uds_ecu]]\nbus = \"classic\"\nextended = true\nrequest_id = 0x18DAF110\n",
                    "identifiers of their own");
-    expect_refused("[[can_uds_ecu]]\nbus = \"classic\"\nrequest_id = \"7E0\"\n", "must be an integer, not a string", 3);
 }
 
 TEST(WorldUdsEcu, AddressingAndFramesAreChecked) {
@@ -119,8 +118,6 @@ TEST(WorldUdsEcu, AddressingAndFramesAreChecked) {
     expect_refused("[[can_uds_ecu]]\nbus = \"fd\"\nfd = true\nframe_len = 40\n", "must be a CAN FD frame length", 4);
     expect_refused("[[can_uds_ecu]]\nbus = \"fd\"\nfd = true\nframe_len = 65\n", "between 8 and 64", 4);
     expect_refused("[[can_uds_ecu]]\nbus = \"fd\"\nblock_size = 256\n", "'block_size' must be between 0 and 255", 3);
-    expect_refused("[[can_uds_ecu]]\nbus = \"fd\"\nst_min = -1\n", "'st_min' must be between 0 and 255", 3);
-    expect_refused("[[can_uds_ecu]]\nbus = \"fd\"\nfc_delay_us = 20000000\n", "'fc_delay_us' must be between", 3);
     expect_refused("[[can_uds_ecu]]\nbus = \"fd\"\ntimeout_ms = 100\n", "unknown key 'timeout_ms'", 3);
 }
 
@@ -138,7 +135,6 @@ TEST(WorldUdsEcu, DataIdentifiersAreChecked) {
         {"F190 = { text = \"A\", hex = \"41\" }", "needs exactly one of"},
         {"F190 = { hex = \"4G\" }", "'hex' must be hex bytes"},
         {"F190 = { hex = \"414\" }", "'hex' must be hex bytes"},
-        {"F190 = { text = 17 }", "'text' must be a string"},
         {"F190 = { length = 1048577 }", "'length' must be between 0 and 1048576"},
         {"F190 = { length = 4, fill = 256 }", "'fill' must be between 0 and 255"},
         {"F190 = { hex = \"41\", fill = 1 }", "'fill' goes with 'length'"},
@@ -153,7 +149,6 @@ TEST(WorldUdsEcu, MemoryRegionsAreChecked) {
     const std::string head = "[[can_uds_ecu]]\nbus = \"classic\"\n";
     expect_refused(head + "memory = []\n", "needs at least one", 3);
     expect_refused(head + "memory = [0x08000000]\n", "a memory region is { base", 3);
-    expect_refused(head + "memory = [{ base = 0x08000000 }]\n", "missing key 'size'", 3);
     expect_refused(head + "memory = [{ base = 0x08000000, size = 0 }]\n", "'size' must be between 1 and 16777216", 3);
     expect_refused(head + "memory = [{ base = 0x100000000, size = 16 }]\n", "'base' must be between 0 and 4294967295", 3);
     expect_refused(head + "memory = [{ base = 0xFFFFFF00, size = 0x200 }]\n", "past the end of the 32-bit address space",
@@ -178,8 +173,6 @@ TEST(WorldUdsEcu, FaultsAreChecked) {
     expect_refused(head + "fc_wait_interval_ms = 0\n", "'fc_wait_interval_ms' must be 0.1 to 10000", 3);
     expect_refused(head + "fc_wait = 2\nfc_overflow = true\n", "exclude each other", 4);
     expect_refused(head + "wrong_sequence_at = -2\n", "'wrong_sequence_at' must be between 0", 3);
-    expect_refused(head + "silent = 1\n", "'silent' must be true or false", 3);
-    expect_refused(head + "oversized_single_frame = \"yes\"\n", "'oversized_single_frame' must be true or false", 3);
 }
 
 }  // namespace
