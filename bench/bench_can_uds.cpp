@@ -6,6 +6,14 @@
 //
 // The request reads identifier 0x0102 (empty) 2047 times: 1 + 2 x 2047 = 4095 bytes, and
 // the answer repeats the identifier 2047 times behind 0x62: 4095 bytes too.
+//
+// The time beyond the bus is broken down by where the bus stood idle. On a CAN FD adapter
+// each batch of 20 consecutive frames is a send request whose end the library learns by
+// polling the adapter's transmit status, 2 ms apart for requests of 20 frames or more,
+// then fetching the transmit events: a 20-frame batch of 64-byte frames takes 6.5 ms on
+// the bus and usually ends just after a poll, so the bus waits for the next one. The
+// classic adapter answers its send command once the frames are out, so a batch costs it
+// only the round trip to the next command.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -25,12 +33,61 @@ namespace {
 constexpr int kRuns = 7;
 constexpr double kTarget = 1.3;
 
+// Where the bus stood idle during an exchange: the time beyond the bus, by its cause.
+struct Idle {
+    double before_ms = 0;          // from the call to the first frame
+    double request_fc_ms = 0;      // request: first frame -> flow control -> next frame
+    double request_batches_ms = 0; // request: between batches of consecutive frames
+    int batch_gaps = 0;
+    double answer_start_ms = 0;    // request's last frame -> the answer's first frame
+    double answer_fc_ms = 0;       // the answer's first frame -> the tester's flow control
+    double answer_ms = 0;          // inside the answer's consecutive frames
+    double after_ms = 0;           // from the last frame's end to the call's return
+};
+
 struct Result {
     double seconds = 0;
     double bus_seconds = 0;
     bool ok = false;
     int sends = 0;  // commands that put frames on the bus
+    Idle idle;
 };
+
+// Puts every gap of the bus into its category, walking the frames of both directions in
+// bus order (frames end at end_ns and take frame_ns before that).
+Idle idle_of(const std::shared_ptr<UdsEcu>& ecu, uint32_t nominal, uint32_t data, int64_t start_ns, int64_t end_ns) {
+    struct OnBus {
+        int64_t start, end;
+        bool from_ecu;
+        uint8_t type;  // protocol-control type: 0 single, 1 first, 2 consecutive, 3 flow control
+    };
+    std::vector<OnBus> frames;
+    for (auto& h : ecu->heard())
+        frames.push_back({h.end_ns - CanBus::frame_ns(h.frame, nominal, data), h.end_ns, false, uint8_t(h.frame.data[0] >> 4)});
+    for (auto& h : ecu->sent())
+        frames.push_back({h.end_ns - CanBus::frame_ns(h.frame, nominal, data), h.end_ns, true, uint8_t(h.frame.data[0] >> 4)});
+    std::sort(frames.begin(), frames.end(), [](const OnBus& a, const OnBus& b) { return a.end < b.end; });
+    Idle idle;
+    int64_t previous_end = start_ns;
+    const OnBus* previous = nullptr;
+    for (const OnBus& f : frames) {
+        const double gap_ms = double(std::max<int64_t>(0, f.start - previous_end)) / 1e6;
+        if (previous == nullptr) idle.before_ms += gap_ms;
+        else if (!f.from_ecu && f.type == 3) idle.answer_fc_ms += gap_ms;
+        else if (f.from_ecu && f.type == 2) idle.answer_ms += gap_ms;
+        else if (f.from_ecu && f.type != 3) idle.answer_start_ms += gap_ms;
+        else if (!f.from_ecu && previous->from_ecu) idle.request_fc_ms += gap_ms;  // after the ECU's flow control
+        else if (f.from_ecu) idle.request_fc_ms += gap_ms;                       // the ECU's flow control itself
+        else {
+            idle.request_batches_ms += gap_ms;
+            if (gap_ms > 0.05) ++idle.batch_gaps;  // frames of one batch follow back to back
+        }
+        previous_end = std::max(previous_end, f.end);
+        previous = &f;
+    }
+    idle.after_ms = double(std::max<int64_t>(0, end_ns - previous_end)) / 1e6;
+    return idle;
+}
 
 // Counts the frame sends of the exchange: each costs the bus an adapter round trip.
 std::atomic<int> frame_sends{0};
@@ -53,6 +110,7 @@ Summary run(int handle, const std::shared_ptr<UdsEcu>& ecu, CAN_UDS_ADDR addr, u
     for (int r = 0; r < kRuns; ++r) {
         ecu->clear_log();
         frame_sends = 0;
+        const int64_t start_ns = bus_now_ns();
         const auto start = std::chrono::steady_clock::now();
         const int rc = CAN_UDS_Request(handle, 0, &addr, request.data(), int(request.size()));
         const int n = rc == 0 ? CAN_UDS_Response(handle, 0, &addr, response.data(), 5000) : rc;
@@ -65,6 +123,7 @@ Summary run(int handle, const std::shared_ptr<UdsEcu>& ecu, CAN_UDS_ADDR addr, u
         for (auto& h : ecu->heard()) bus_ns += CanBus::frame_ns(h.frame, nominal, data);
         for (auto& s : ecu->sent()) bus_ns += CanBus::frame_ns(s.frame, nominal, data);
         res.bus_seconds = double(bus_ns) / 1e9;
+        res.idle = idle_of(ecu, nominal, data, start_ns, start_ns + int64_t(res.seconds * 1e9));
         results.push_back(res);
     }
     std::sort(results.begin(), results.end(), [](const Result& a, const Result& b) { return a.seconds < b.seconds; });
@@ -80,6 +139,13 @@ void report(const char* what, const Summary& s) {
                 what, bus * 1e3, s.best.seconds * 1e3, best, s.median.seconds * 1e3, median, kTarget,
                 !ok ? "  FAILED EXCHANGE" : best <= kTarget ? "" : "  MISSED", s.best.sends,
                 s.best.sends > 0 ? (s.best.seconds - bus) * 1e3 / s.best.sends : 0.0);
+    const Idle& i = s.median.idle;
+    std::printf("    bus idle in the median run, ms: before the first frame %.2f; request's flow control %.2f; "
+                "between %d request batches %.2f (%.2f each);\n      request to answer %.2f; answer's flow control "
+                "%.2f; within the answer %.2f; after its last frame %.2f\n",
+                i.before_ms, i.request_fc_ms, i.batch_gaps, i.request_batches_ms,
+                i.batch_gaps > 0 ? i.request_batches_ms / i.batch_gaps : 0.0, i.answer_start_ms, i.answer_fc_ms,
+                i.answer_ms, i.after_ms);
 }
 
 }  // namespace

@@ -4,10 +4,10 @@
  * ReadMemoryByAddress fetches it again for comparison. Channel 0 at 500 kbit/s, request
  * identifier 0x7E0, response 0x7E8, classic 8-byte frames.
  *
- *   build/polybus-sim -- build/uds-download [image.hex]
+ *   build/polybus-sim --world examples/worlds/uds_download.toml -- build/uds-download [image.hex]
  *
  * Without a file name a small built-in image (two blocks at 0x08000000 and 0x08001000)
- * is used. */
+ * is used. Exits 0 when every block was downloaded and read back intact, 1 otherwise. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

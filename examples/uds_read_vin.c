@@ -3,7 +3,9 @@
  * addressing, classic 8-byte frames.
  *
  * Run it against a simulated adapter whose bus carries a diagnostic ECU:
- *   build/polybus-sim -- build/uds-read-vin */
+ *   build/polybus-sim --world examples/worlds/uds_read_vin.toml -- build/uds-read-vin
+ *
+ * Exits 0 when the VIN was read, 1 otherwise. */
 #include <stdio.h>
 #include <string.h>
 

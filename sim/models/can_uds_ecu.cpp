@@ -29,7 +29,22 @@ uint32_t be(const uint8_t* p, size_t n) {
 }  // namespace
 
 UdsEcu::UdsEcu(Adapter& timers, UdsEcuConfig config)
-    : timers_(timers), cfg_(std::move(config)), memory_(cfg_.memory_size, 0xFF) {}
+    : timers_(timers), cfg_(std::move(config)), memory_(cfg_.memory_size, 0xFF) {
+    for (const UdsMemoryRegion& r : cfg_.more_memory) more_memory_.emplace_back(r.size, 0xFF);
+}
+
+uint8_t* UdsEcu::locate_locked(uint32_t address, uint64_t size) {
+    if (size == 0) return nullptr;
+    auto inside = [&](uint32_t base, std::vector<uint8_t>& storage) -> uint8_t* {
+        if (address < base) return nullptr;
+        const uint64_t offset = uint64_t{address} - base;
+        return offset + size <= storage.size() ? storage.data() + offset : nullptr;
+    };
+    if (uint8_t* p = inside(cfg_.memory_base, memory_)) return p;
+    for (size_t i = 0; i < more_memory_.size() && i < cfg_.more_memory.size(); ++i)
+        if (uint8_t* p = inside(cfg_.more_memory[i].base, more_memory_[i])) return p;
+    return nullptr;
+}
 
 void UdsEcu::attach(const std::shared_ptr<CanBus>& bus) {
     {
@@ -53,6 +68,13 @@ void UdsEcu::configure(const UdsEcuConfig& config, bool reset_data) {
     std::lock_guard<std::mutex> g(mutex_);
     cfg_ = config;
     if (reset_data || memory_.size() != cfg_.memory_size) memory_.assign(cfg_.memory_size, 0xFF);
+    bool same_regions = !reset_data && more_memory_.size() == cfg_.more_memory.size();
+    for (size_t i = 0; same_regions && i < more_memory_.size(); ++i)
+        same_regions = more_memory_[i].size() == cfg_.more_memory[i].size;
+    if (!same_regions) {
+        more_memory_.clear();
+        for (const UdsMemoryRegion& r : cfg_.more_memory) more_memory_.emplace_back(r.size, 0xFF);
+    }
     next_generation_locked();
     rx_active_ = tx_active_ = false;
 }
@@ -87,9 +109,8 @@ std::vector<std::vector<uint8_t>> UdsEcu::requests() {
 
 std::vector<uint8_t> UdsEcu::memory(uint32_t address, size_t n) {
     std::lock_guard<std::mutex> g(mutex_);
-    const uint64_t offset = uint64_t{address} - cfg_.memory_base;
-    if (address < cfg_.memory_base || offset + n > memory_.size()) return {};
-    return std::vector<uint8_t>(memory_.begin() + long(offset), memory_.begin() + long(offset + n));
+    const uint8_t* p = locate_locked(address, n);
+    return p == nullptr ? std::vector<uint8_t>{} : std::vector<uint8_t>(p, p + n);
 }
 
 std::vector<uint8_t> UdsEcu::identifier(uint16_t id) {
@@ -407,11 +428,11 @@ std::vector<uint8_t> UdsEcu::serve(const std::vector<uint8_t>& req, bool& suppre
                 return negative(sid, 0x13);
             const uint32_t address = be(&req[at + 1], address_bytes);
             const uint32_t size = be(&req[at + 1 + address_bytes], size_bytes);
-            const uint64_t offset = uint64_t{address} - cfg_.memory_base;
-            if (address < cfg_.memory_base || size == 0 || offset + size > memory_.size()) return negative(sid, 0x31);
+            const uint8_t* at_memory = locate_locked(address, size);
+            if (at_memory == nullptr) return negative(sid, 0x31);
             if (sid == 0x23) {
                 std::vector<uint8_t> out{0x63};
-                out.insert(out.end(), memory_.begin() + long(offset), memory_.begin() + long(offset + size));
+                out.insert(out.end(), at_memory, at_memory + size);
                 return out;
             }
             if (download_active_) return negative(sid, 0x24);
@@ -427,7 +448,12 @@ std::vector<uint8_t> UdsEcu::serve(const std::vector<uint8_t>& req, bool& suppre
             if (req[1] != download_counter_) return negative(sid, 0x73);
             const size_t data = n - 2;
             if (data > download_left_) return negative(sid, 0x31);
-            std::copy(req.begin() + 2, req.end(), memory_.begin() + long(download_address_ - cfg_.memory_base));
+            // The region may have gone with a new configuration since the download began.
+            if (data != 0) {
+                uint8_t* target = locate_locked(download_address_, data);
+                if (target == nullptr) return negative(sid, 0x31);
+                std::copy(req.begin() + 2, req.end(), target);
+            }
             download_address_ += uint32_t(data);
             download_left_ -= uint32_t(data);
             ++download_counter_;

@@ -38,6 +38,12 @@
 
 namespace polybus_sim {
 
+// A stretch of the ECU's address space beside the main memory (erased to 0xFF).
+struct UdsMemoryRegion {
+    uint32_t base = 0;
+    uint32_t size = 0;
+};
+
 struct UdsEcuConfig {
     // Addressing.
     uint32_t request_id = 0x7E0;   // frames the ECU takes as requests (and flow control)
@@ -62,6 +68,7 @@ struct UdsEcuConfig {
     std::map<uint16_t, std::vector<uint8_t>> identifiers;
     uint32_t memory_base = 0x08000000;
     uint32_t memory_size = 0x20000;  // erased to 0xFF
+    std::vector<UdsMemoryRegion> more_memory;  // further regions; none may overlap another
     uint16_t max_block_length = 0x0402;  // announced for TransferData (SID, counter, data)
     // Faults.
     int fc_wait_frames = 0;          // wait frames before each continue; -1: wait for ever
@@ -121,12 +128,16 @@ private:
     // after its gap. Dropped when the ECU's generation moved on meanwhile.
     void transmit_at(int64_t due_ns, std::vector<Outgoing> frames, uint32_t generation);
     uint32_t next_generation_locked() { return ++generation_; }
+    // Where [address, address + size) lies in one region's storage; null when it does not
+    // lie wholly within one region (or size is 0).
+    uint8_t* locate_locked(uint32_t address, uint64_t size);
 
     Adapter& timers_;
     mutable std::mutex mutex_;  // the bus calls in with its own lock held: bus, then ECU
     std::weak_ptr<CanBus> bus_;
     UdsEcuConfig cfg_;
     std::vector<uint8_t> memory_;
+    std::vector<std::vector<uint8_t>> more_memory_;  // storage of cfg_.more_memory, in order
     uint8_t session_ = 1;
     uint32_t generation_ = 0;  // bumped by every new request: stale timers do nothing
 

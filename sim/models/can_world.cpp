@@ -3,12 +3,16 @@
 //   [[can_peer]]      a node that acknowledges, echoes, answers and sends fixed frames
 //   [[can_dbc_peer]]  a node sending the messages of a DBC file at their cycle times
 //   [[can_replay]]    a node replaying a candump -l log with its timing
+//   [[can_uds_ecu]]   a diagnostic ECU (ISO 15765-2 server with a few UDS services)
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdio>
+#include <iterator>
 
 #include "can_dbc.h"
 #include "can_model.h"
+#include "can_uds_ecu.h"
 #include "world.h"
 
 namespace polybus_sim {
@@ -514,6 +518,205 @@ std::unique_ptr<Piece> read_replay(Table& t, Context& ctx) {
 
 POLYBUS_WORLD_KIND(can_replay_kind, Kind{"can_replay", world::kRankDevices,
                                          "a node replaying a candump -l log: bus, log, interface, loop", read_replay});
+
+// ---- [[can_uds_ecu]] ------------------------------------------------------------------------
+
+class UdsEcuPiece : public Piece {
+public:
+    UdsEcuPiece(std::shared_ptr<BusSpec> bus, UdsEcuConfig config) : bus_(std::move(bus)), config_(std::move(config)) {}
+    void apply(Bench& bench) override {
+        auto ecu = std::make_shared<UdsEcu>(bench.clock(), config_);
+        ecu->attach(bus_->bus);
+        bench.keep(ecu);
+        std::weak_ptr<UdsEcu> weak = ecu;
+        bench.on_teardown([weak] {
+            if (auto e = weak.lock()) e->detach();
+        });
+    }
+
+private:
+    std::shared_ptr<BusSpec> bus_;
+    UdsEcuConfig config_;
+};
+
+constexpr int64_t kMaxIdentifierBytes = 1 << 20;
+constexpr int64_t kMaxRegionBytes = 16 << 20;
+
+// "F190", "0xF190": a data identifier; false when it is not 1 to 4 hex digits.
+bool parse_identifier(std::string text, uint16_t& out) {
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) text = text.substr(2);
+    if (text.empty() || text.size() > 4) return false;
+    unsigned v = 0;
+    for (char c : text) {
+        const int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+        if (d < 0) return false;
+        v = v << 4 | unsigned(d);
+    }
+    out = uint16_t(v);
+    return true;
+}
+
+// One identifier's data: { hex = "..." }, { text = "..." } or { length = N, fill = B }.
+std::vector<uint8_t> read_identifier_data(Table& t, const toml::node& value, const std::string& name) {
+    if (!value.is_table())
+        t.fail_node(value, "identifier " + name + " takes { hex = \"...\" }, { text = \"...\" } or { length = N }");
+    Table v(*value.as_table(), t.file(), t.what() + " identifier " + name);
+    const int given = int(v.has("hex")) + int(v.has("text")) + int(v.has("length"));
+    if (given != 1) v.fail("identifier " + name + " needs exactly one of 'hex', 'text' and 'length'");
+    if (v.has("fill") && !v.has("length")) v.fail_at("fill", "'fill' goes with 'length'");
+    std::vector<uint8_t> data;
+    if (v.has("hex")) {
+        if (!world::parse_hex_bytes(v.string("hex"), data))
+            v.fail_at("hex", "'hex' must be hex bytes, e.g. \"DE AD BE EF\"");
+    } else if (v.has("text")) {
+        const std::string text = v.string("text");
+        data.assign(text.begin(), text.end());
+    } else {
+        const int64_t length = v.integer_in("length", 0, kMaxIdentifierBytes);
+        data.resize(size_t(length));
+        if (v.has("fill")) {
+            std::fill(data.begin(), data.end(), uint8_t(v.integer_in("fill", 0, 255)));
+        } else {
+            // Changes from one 256-byte stretch to the next, so a shifted block shows.
+            for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i + (i >> 8));
+        }
+    }
+    if (data.size() > size_t(kMaxIdentifierBytes))
+        v.fail("identifier " + name + " holds " + std::to_string(data.size()) + " bytes, at most " +
+               std::to_string(kMaxIdentifierBytes) + " fit");
+    v.finish();
+    return data;
+}
+
+std::unique_ptr<Piece> read_uds_ecu(Table& t, Context& ctx) {
+    const std::string name = t.string("name", "");
+    if (!name.empty()) t.rename("can_uds_ecu '" + name + "'");
+    auto bus = peer_bus(t, ctx);
+    UdsEcuConfig c;
+    c.nominal_bps = bus->bitrate;
+
+    // Identifiers: the 29-bit defaults are the usual physical request/response pair.
+    c.extended_ids = t.boolean("extended", false);
+    c.request_id = t.has("request_id") ? read_id(t, "request_id", c.extended_ids) : c.extended_ids ? 0x18DA10F1 : 0x7E0;
+    c.response_id = t.has("response_id") ? read_id(t, "response_id", c.extended_ids) : c.extended_ids ? 0x18DAF110 : 0x7E8;
+    if (c.request_id == c.response_id) {
+        char both[16];
+        std::snprintf(both, sizeof(both), "0x%X", unsigned(c.request_id));
+        t.fail_at(t.has("response_id") ? "response_id" : "request_id",
+                  std::string("requests and responses need identifiers of their own (both are ") + both + ")");
+    }
+
+    const std::string addressing = t.string("addressing", "normal");
+    if (addressing != "normal" && addressing != "extended")
+        t.fail_at("addressing", "'addressing' must be \"normal\" or \"extended\", not \"" + addressing + "\"");
+    c.extended_addressing = addressing == "extended";
+    for (const char* key : {"ecu_address", "tester_address"})
+        if (!c.extended_addressing && t.has(key))
+            t.fail_at(key, std::string("'") + key + "' needs addressing = \"extended\"");
+    c.ecu_address = uint8_t(t.integer("ecu_address", c.ecu_address, 0, 255));
+    c.tester_address = uint8_t(t.integer("tester_address", c.tester_address, 0, 255));
+
+    // Frames.
+    c.fd = t.boolean("fd", false);
+    if (c.fd && bus->data_bitrate == 0)
+        t.fail_at("fd", "CAN FD frames need a bus with a data_bitrate (bus '" + bus->name + "' has none)");
+    c.brs = t.boolean("brs", c.fd);
+    if (c.brs && !c.fd) t.fail_at("brs", "'brs' (bit-rate switch) needs fd = true");
+    c.data_bps = c.fd ? bus->data_bitrate : 0;
+    const int64_t frame_len = t.integer("frame_len", c.fd ? 64 : 8, 8, 64);
+    if (!c.fd && frame_len != 8) t.fail_at("frame_len", "classic frames hold 8 bytes: set fd = true for longer ones");
+    static const int64_t kFdLengths[] = {8, 12, 16, 20, 24, 32, 48, 64};
+    if (std::find(std::begin(kFdLengths), std::end(kFdLengths), frame_len) == std::end(kFdLengths))
+        t.fail_at("frame_len", "'frame_len' must be a CAN FD frame length: 8, 12, 16, 20, 24, 32, 48 or 64");
+    c.frame_len = uint8_t(frame_len);
+    c.padding = uint8_t(t.integer("padding", c.padding, 0, 255));
+
+    // Flow control it gives, and its pace.
+    c.block_size = uint8_t(t.integer("block_size", 0, 0, 255));
+    c.st_min = uint8_t(t.integer("st_min", 0, 0, 255));
+    c.fc_delay_us = t.integer("fc_delay_us", c.fc_delay_us, 0, 10000000);
+    c.response_delay_us = t.integer("response_delay_us", c.response_delay_us, 0, 10000000);
+
+    // Data identifiers.
+    if (const toml::table* ids = t.table("identifiers")) {
+        // In file order, so a repeated identifier is refused where it is repeated.
+        std::vector<std::pair<const toml::key*, const toml::node*>> entries;
+        for (auto&& [key, value] : *ids) entries.push_back({&key, &value});
+        std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
+            const toml::source_position pa = a.first->source().begin, pb = b.first->source().begin;
+            return pa.line != pb.line ? pa.line < pb.line : pa.column < pb.column;
+        });
+        for (auto [key_ptr, value_ptr] : entries) {
+            const toml::key& key = *key_ptr;
+            const toml::node& value = *value_ptr;
+            const std::string text(key.str());
+            uint16_t id = 0;
+            if (!parse_identifier(text, id))
+                throw world::WorldError(world::location_of(key.source(), t.file()),
+                                        t.what() + ": identifier '" + text + "' is not 1 to 4 hex digits (e.g. F190)");
+            char label[8];
+            std::snprintf(label, sizeof(label), "0x%04X", unsigned(id));
+            if (c.identifiers.count(id))
+                throw world::WorldError(world::location_of(key.source(), t.file()),
+                                        t.what() + ": identifier " + label + " is given twice");
+            c.identifiers[id] = read_identifier_data(t, value, label);
+        }
+    }
+
+    // Memory for downloads and read-back: the first region is the main memory.
+    if (const toml::array* regions = t.array("memory")) {
+        if (regions->empty()) t.fail_at("memory", "'memory' needs at least one { base = ..., size = ... }");
+        std::vector<UdsMemoryRegion> list;
+        for (const toml::node& item : *regions) {
+            if (!item.is_table()) t.fail_node(item, "a memory region is { base = 0x08000000, size = 0x20000 }");
+            Table r(*item.as_table(), t.file(), t.what() + " memory");
+            UdsMemoryRegion region;
+            region.base = uint32_t(r.integer_in("base", 0, 0xFFFFFFFF));
+            region.size = uint32_t(r.integer_in("size", 1, kMaxRegionBytes));
+            if (uint64_t{region.base} + region.size > 0x100000000ull)
+                r.fail_at("size", "the region runs past the end of the 32-bit address space");
+            r.finish();
+            for (const UdsMemoryRegion& other : list)
+                if (region.base < uint64_t{other.base} + other.size && other.base < uint64_t{region.base} + region.size)
+                    t.fail_node(item, "memory regions overlap");
+            list.push_back(region);
+        }
+        c.memory_base = list.front().base;
+        c.memory_size = list.front().size;
+        c.more_memory.assign(list.begin() + 1, list.end());
+    }
+    c.max_block_length = uint16_t(t.integer("max_block_length", c.max_block_length, 3, 0xFFFF));
+
+    // Faults on demand.
+    if (const toml::node* wait = t.node("fc_wait")) {
+        if (wait->is_integer()) {
+            const int64_t n = wait->as_integer()->get();
+            if (n < 0 || n > 1000) t.fail_node(*wait, "'fc_wait' must be 0 to 1000 wait frames, or \"forever\"");
+            c.fc_wait_frames = int(n);
+        } else if (wait->is_string() && wait->as_string()->get() == "forever") {
+            c.fc_wait_frames = -1;
+        } else {
+            t.fail_node(*wait, "'fc_wait' is a number of wait frames or \"forever\"");
+        }
+    }
+    const double interval_ms = t.number("fc_wait_interval_ms", 100);
+    if (!(interval_ms >= 0.1 && interval_ms <= 10000))
+        t.fail_at("fc_wait_interval_ms", "'fc_wait_interval_ms' must be 0.1 to 10000");
+    c.fc_wait_interval_us = int64_t(interval_ms * 1000);
+    c.fc_overflow = t.boolean("fc_overflow", false);
+    if (c.fc_overflow && c.fc_wait_frames != 0)
+        t.fail_at("fc_overflow", "'fc_overflow' and 'fc_wait' exclude each other: overflow ends the transfer at once");
+    c.wrong_sequence_at = int(t.integer("wrong_sequence_at", 0, 0, 1000000));
+    c.oversized_single_frame = t.boolean("oversized_single_frame", false);
+    c.silent = t.boolean("silent", false);
+    return std::make_unique<UdsEcuPiece>(bus, std::move(c));
+}
+
+POLYBUS_WORLD_KIND(can_uds_ecu_kind,
+                   Kind{"can_uds_ecu", world::kRankDevices,
+                        "a diagnostic ECU: bus, request_id, response_id, addressing, fd, block_size, st_min, "
+                        "[identifiers], memory, faults",
+                        read_uds_ecu});
 
 }  // namespace
 }  // namespace polybus_sim
