@@ -232,7 +232,7 @@ std::unique_ptr<Piece> read_diag(Table& t, Context& ctx) {
     c.request_id = uint8_t(t.integer("request_id", 0x3C, 0, 63));
     c.response_id = uint8_t(t.integer("response_id", 0x3D, 0, 63));
     if (c.request_id == c.response_id)
-        t.fail_at("response_id", "'request_id' and 'response_id' must differ");
+        t.fail_at(t.has("response_id") ? "response_id" : "request_id", "'request_id' and 'response_id' must differ");
     c.echo_sid = uint8_t(t.integer("echo_sid", 0xBA, 0, 255));
     if (c.echo_sid == 0x22) t.fail_at("echo_sid", "0x22 is ReadDataByIdentifier; choose another service for the echo");
     c.wrong_sequence = t.boolean("wrong_sequence", false);
