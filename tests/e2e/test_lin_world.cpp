@@ -1,0 +1,281 @@
+// LIN benches from world files, driven through the library as a program would: slaves
+// with their checksums and faults answering a master batch, diagnostic nodes answering
+// UDS requests, a master node whose traffic the adapter records as a slave, battery,
+// FLIN reads, and the example worlds.
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "polybus/polybus.h"
+#include "sim_fixture.h"
+#include "world.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+constexpr int kBench = 0x41000001;
+
+const char* kAdapter = R"(
+[[adapter]]
+name = "bench"
+id = 0x41000001
+)";
+
+class LinWorld : public ::testing::Test {
+protected:
+    void load_text(const std::string& tables) {
+        build(polybus_sim::world::parse_world(std::string(kAdapter) + tables,
+                                              POLYBUS_SOURCE_DIR "/examples/worlds/inline.toml"));
+    }
+    void load_file(const std::string& name) {
+        build(polybus_sim::world::load_world(POLYBUS_SOURCE_DIR "/examples/worlds/" + name));
+    }
+    void TearDown() override {
+        if (opened_) USB_CloseDevice(kBench);
+        bench_.reset();
+    }
+
+    std::unique_ptr<polybus_sim::world::Bench> bench_;
+
+private:
+    void build(const polybus_sim::world::WorldPlan& plan) {
+        polybus_sim::Simulator::instance().remove_all();
+        bench_ = plan.build();
+        polybus_test::scan();
+        ASSERT_TRUE(USB_OpenDevice(kBench));
+        opened_ = true;
+    }
+    bool opened_ = false;
+};
+
+LIN_EX_MSG read_frame(uint8_t id) {
+    LIN_EX_MSG m{};
+    m.MsgType = LIN_EX_MSG_MASTER_READ;
+    m.PID = id;
+    m.BreakBits = 13;
+    return m;
+}
+
+Bytes data_of(const LIN_EX_MSG& m, size_t n) { return Bytes(m.Data, m.Data + n); }
+
+}  // namespace
+
+TEST_F(LinWorld, PlacedSlavesAnswerABatchWithTheirChecksumsAndFaults) {
+    // The same slave on channel 0 (results of kind 8) and channel 1 (kind 9): both
+    // verdict paths see each fault.
+    std::string tables = "[[lin_adapter]]\nadapter = \"bench\"\nresult_kind = [8, 9, 8, 8]\n";
+    for (const char* channel : {"bench:0", "bench:1"}) {
+        tables += std::string("[[lin_slave]]\nname = \"door\"\nchannel = \"") + channel + "\"\n" + R"(
+frame = [
+  { id = 0x10, data = "01 02 03 04" },
+  { id = 0x11, data = "0A 0B", checksum = "classic" },
+  { id = 0x12, data = "05 06", fault = "wrong_checksum" },
+  { id = 0x13, data = "05 06", fault = "no_answer" },
+  { id = 0x14, data = "05 06 07", fault = "too_few_bytes" },
+  { id = 0x15, data = "05 06", fault = "wrong_parity" },
+  { id = 0x16, length = 3 },
+]
+)";
+    }
+    load_text(tables);
+    for (uint8_t ch : {uint8_t(0), uint8_t(1)}) {
+        ASSERT_EQ(LIN_EX_Init(kBench, ch, 19200, 1), 0);
+        std::vector<LIN_EX_MSG> in;
+        for (uint8_t id = 0x10; id <= 0x17; ++id) in.push_back(read_frame(id));
+        std::vector<LIN_EX_MSG> out(in.size());
+        ASSERT_EQ(LIN_EX_MasterSync(kBench, ch, in.data(), out.data(), unsigned(in.size())), int(in.size()));
+        EXPECT_EQ(out[0].CheckType, LIN_EX_CHECK_ENHANCED) << int(ch);
+        EXPECT_EQ(out[0].DataLen, 4);
+        EXPECT_EQ(data_of(out[0], 4), (Bytes{1, 2, 3, 4}));
+        EXPECT_EQ(out[1].CheckType, LIN_EX_CHECK_CLASSIC) << int(ch);
+        EXPECT_EQ(data_of(out[1], 2), (Bytes{0x0A, 0x0B}));
+        for (int i = 2; i <= 5; ++i) EXPECT_EQ(out[i].CheckType, LIN_EX_CHECK_ERROR) << "frame " << i << " channel " << int(ch);
+        EXPECT_EQ(out[6].CheckType, LIN_EX_CHECK_ENHANCED);
+        EXPECT_EQ(data_of(out[6], 3), (Bytes{0, 0, 0}));
+        EXPECT_EQ(out[7].CheckType, LIN_EX_CHECK_ERROR) << "nobody publishes 0x17";
+        EXPECT_EQ(out[7].DataLen, ch == 0 ? 255 : 0) << "the two result kinds tell silence apart differently";
+    }
+    // Channels without slaves stay empty.
+    ASSERT_EQ(LIN_EX_Init(kBench, 2, 19200, 1), 0);
+    uint8_t buf[8];
+    EXPECT_EQ(LIN_EX_MasterRead(kBench, 2, 0x10, buf), 0);
+}
+
+TEST_F(LinWorld, DiagnosticNodesAnswerUdsRequests) {
+    load_text(R"(
+[[lin_adapter]]
+adapter = "bench"
+time_scale = 0
+
+[[lin_diag_node]]
+channel = "bench:0"
+nad = 0x0A
+identifier = [
+  { id = 0xF190, text = "WPB0LIN0000000042" },
+  { id = 0x0100, length = 4092 },
+  { id = 0x0101, data = "DE AD" },
+]
+
+[[lin_diag_node]]
+channel = "bench:0"
+nad = 0x0B
+echo_sid = 0x31
+wrong_sequence = true
+identifier = [{ id = 0xF190, length = 20 }]
+
+[[lin_diag_node]]
+channel = "bench:0"
+nad = 0x0C
+silent = true
+)");
+    ASSERT_EQ(LIN_EX_Init(kBench, 0, 19200, 1), 0);
+    static unsigned char response[LIN_UDS_MAX_DATA + 1];
+    LIN_UDS_ADDR addr = {0x3C, 0x3D, 0x0A, LIN_EX_CHECK_CLASSIC, 0, {0, 0, 0}};
+
+    unsigned char vin[3] = {0x22, 0xF1, 0x90};
+    ASSERT_EQ(LIN_UDS_Request(kBench, 0, &addr, vin, 3), 0);
+    ASSERT_EQ(LIN_UDS_Response(kBench, 0, &addr, response, 1000), 3 + 17);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(response) + 3, 17), "WPB0LIN0000000042");
+
+    // The largest answer: generated bytes, k modulo 256.
+    unsigned char big[3] = {0x22, 0x01, 0x00};
+    ASSERT_EQ(LIN_UDS_Request(kBench, 0, &addr, big, 3), 0);
+    response[LIN_UDS_MAX_DATA] = 0xEE;
+    ASSERT_EQ(LIN_UDS_Response(kBench, 0, &addr, response, 60000), LIN_UDS_MAX_DATA);
+    EXPECT_EQ(Bytes(response, response + 3), (Bytes{0x62, 0x01, 0x00}));
+    bool pattern = true;
+    for (int k = 0; k < 4092; ++k) pattern = pattern && response[3 + k] == uint8_t(k);
+    EXPECT_TRUE(pattern);
+    EXPECT_EQ(response[LIN_UDS_MAX_DATA], 0xEE);
+
+    unsigned char short_one[3] = {0x22, 0x01, 0x01};
+    ASSERT_EQ(LIN_UDS_Request(kBench, 0, &addr, short_one, 3), 0);
+    ASSERT_EQ(LIN_UDS_Response(kBench, 0, &addr, response, 1000), 5);
+    EXPECT_EQ(Bytes(response, response + 5), (Bytes{0x62, 0x01, 0x01, 0xDE, 0xAD}));
+
+    // Node 0x0C takes the request and never answers.
+    addr.NAD = 0x0C;
+    ASSERT_EQ(LIN_UDS_Request(kBench, 0, &addr, vin, 3), 0);
+    EXPECT_EQ(LIN_UDS_Response(kBench, 0, &addr, response, 100), LIN_UDS_ERR_TIMEOUT);
+    // Node 0x0A's echo service is the default one, node 0x0B's its own.
+    addr.NAD = 0x0A;
+    unsigned char default_echo[2] = {0xBA, 0x55};
+    ASSERT_EQ(LIN_UDS_Request(kBench, 0, &addr, default_echo, 2), 0);
+    ASSERT_EQ(LIN_UDS_Response(kBench, 0, &addr, response, 1000), 2);
+    EXPECT_EQ(Bytes(response, response + 2), (Bytes{0xFA, 0x55}));
+    addr.NAD = 0x0B;
+    unsigned char echo[4] = {0x31, 1, 2, 3};
+    ASSERT_EQ(LIN_UDS_Request(kBench, 0, &addr, echo, 4), 0);
+    ASSERT_EQ(LIN_UDS_Response(kBench, 0, &addr, response, 1000), 4);
+    EXPECT_EQ(Bytes(response, response + 4), (Bytes{0x71, 1, 2, 3}));
+    // A segmented answer from 0x0B with a wrong sequence number.
+    ASSERT_EQ(LIN_UDS_Request(kBench, 0, &addr, vin, 3), 0);
+    EXPECT_EQ(LIN_UDS_Response(kBench, 0, &addr, response, 1000), LIN_UDS_ERR_SEQUENCE);
+}
+
+TEST_F(LinWorld, AdapterAsSlaveRecordsAPlacedMastersTraffic) {
+    // The master starts late enough for the program to set the channel up as a slave.
+    load_text(R"(
+[[lin_master]]
+channel = "bench:1"
+start_ms = 400
+frame = [
+  { id = 0x21, period_ms = 20, count = 3 },
+  { id = 0x22, data = "01 02 03", checksum = "classic", period_ms = 20, offset_ms = 5, count = 2 },
+  { id = 0x30, period_ms = 20, offset_ms = 10, count = 1 },
+  { break_only = true, offset_ms = 12, count = 1 },
+  { id = 0x21, wrong_parity = true, offset_ms = 15, count = 1 },
+]
+
+[[lin_slave]]
+channel = "bench:1"
+frame = [{ id = 0x30, data = "AA BB" }]
+)");
+    ASSERT_EQ(LIN_EX_Init(kBench, 1, 19200, 0), 0);
+    LIN_EX_MSG table[1] = {};
+    table[0].MsgType = LIN_EX_MSG_SLAVE_WRITE;
+    table[0].CheckType = LIN_EX_CHECK_ENHANCED;
+    table[0].PID = 0x21;
+    table[0].DataLen = 2;
+    table[0].Data[0] = 0x5A;
+    table[0].Data[1] = 0xA5;
+    ASSERT_EQ(LIN_EX_SlaveSetIDMode(kBench, 1, table, 1), 0);
+
+    // 3 + 2 + 1 frames, a break and a header with bad parity.
+    std::vector<LIN_EX_MSG> seen;
+    LIN_EX_MSG got[LIN_EX_MAX_RECORDS];
+    ASSERT_TRUE(polybus_test::eventually([&] {
+        const int n = LIN_EX_SlaveGetData(kBench, 1, got);
+        if (n > 0) seen.insert(seen.end(), got, got + n);
+        return seen.size() >= 8;
+    })) << seen.size() << " records";
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(LIN_EX_SlaveGetData(kBench, 1, got), 0) << "counted masters stop";
+
+    int answered = 0, published = 0, other = 0, breaks = 0, unanswered = 0;
+    for (const LIN_EX_MSG& m : seen) {
+        if (m.MsgType == LIN_EX_MSG_BREAK) {
+            ++breaks;
+        } else if ((m.PID & 0x3F) == 0x21 && m.MsgType == LIN_EX_MSG_CHECK_SEPARATE) {
+            ++answered;  // the adapter's own answer from its table
+            EXPECT_EQ(data_of(m, 2), (Bytes{0x5A, 0xA5}));
+            EXPECT_EQ(m.CheckType, LIN_EX_CHECK_ENHANCED);
+        } else if ((m.PID & 0x3F) == 0x22) {
+            ++published;
+            EXPECT_EQ(data_of(m, 3), (Bytes{1, 2, 3}));
+            EXPECT_EQ(m.CheckType, LIN_EX_CHECK_CLASSIC);
+        } else if ((m.PID & 0x3F) == 0x30) {
+            ++other;
+            EXPECT_EQ(data_of(m, 2), (Bytes{0xAA, 0xBB}));
+        } else {
+            ++unanswered;
+            EXPECT_EQ(m.CheckType, LIN_EX_CHECK_ERROR);
+        }
+    }
+    EXPECT_EQ(answered, 3);
+    EXPECT_EQ(published, 2);
+    EXPECT_EQ(other, 1);
+    EXPECT_EQ(breaks, 1);
+    EXPECT_EQ(unanswered, 1) << "a header with wrong parity is nobody's";
+}
+
+TEST_F(LinWorld, BatteryAndFlinReadsFromTheFile) {
+    load_text(R"(
+[[lin_adapter]]
+adapter = "bench"
+battery_mv = 13800
+
+[[flin_node]]
+channel = "bench:2"
+reads = ["01 02 03", "04"]
+)");
+    unsigned short mv = 0;
+    ASSERT_EQ(LIN_EX_GetVbatValue(kBench, &mv), 0);
+    EXPECT_EQ(mv, 13800);
+    unsigned char buf[64];
+    ASSERT_EQ(FLIN_Init(kBench, 2, 10400), 0);
+    ASSERT_EQ(FLIN_ReadData(kBench, 2, buf), 3);
+    EXPECT_EQ(Bytes(buf, buf + 3), (Bytes{1, 2, 3}));
+    ASSERT_EQ(FLIN_ReadData(kBench, 2, buf), 1);
+    EXPECT_EQ(FLIN_ReadData(kBench, 2, buf), 0) << "the queue is read once";
+    EXPECT_EQ(FLIN_ReadData(kBench, 0, buf), 0) << "other channels read nothing";
+}
+
+TEST_F(LinWorld, ExampleWorldsServeTheirPrograms) {
+    load_file("lin_uds_read.toml");
+    ASSERT_EQ(LIN_EX_Init(kBench, 0, 19200, 1), 0);
+    static unsigned char response[LIN_UDS_MAX_DATA];
+    LIN_UDS_ADDR addr = {0x3C, 0x3D, 0x0A, LIN_EX_CHECK_CLASSIC, 0, {0, 0, 0}};
+    unsigned char vin[3] = {0x22, 0xF1, 0x90};
+    ASSERT_EQ(LIN_UDS_Request(kBench, 0, &addr, vin, 3), 0);
+    EXPECT_GT(LIN_UDS_Response(kBench, 0, &addr, response, 1000), 3);
+    EXPECT_EQ(response[0], 0x62);
+    TearDown();
+
+    load_file("lin_replay.toml");
+    ASSERT_EQ(LIN_EX_Init(kBench, 0, 19200, 1), 0);
+    uint8_t buf[8] = {};
+    EXPECT_GT(LIN_EX_MasterRead(kBench, 0, 0x22, buf), 0) << "the recording's read frame has a publisher";
+}
