@@ -621,22 +621,15 @@ uint64_t LinScheduledMaster::frames_sent() {
     return sent_;
 }
 
-std::vector<std::pair<uint8_t, std::vector<uint8_t>>> LinScheduledMaster::answers() {
-    std::lock_guard<std::mutex> g(mutex_);
-    return {answers_.begin(), answers_.end()};
-}
-
 // Each frame keeps its own period by the master's clock: a timer that runs late puts
 // the frame on the bus at its due time all the same, so the bus shows exact periods.
+// The whole step runs under the master's lock, so that once stop() returns no frame is
+// on its way to nodes that are being taken down.
 void LinScheduledMaster::step(size_t index, int64_t remaining, int64_t due_ns) {
-    {
-        std::lock_guard<std::mutex> g(mutex_);
-        if (!running_) return;
-    }
+    std::lock_guard<std::mutex> g(mutex_);
+    if (!running_) return;
     const LinMasterFrameConfig& f = config_.frames[index];
-    uint8_t pid = lin_pid(f.id);
-    bool answered = false;
-    LinBusFrame frame;
+    const uint8_t pid = lin_pid(f.id);
     switch (f.send) {
         case LinMasterFrameConfig::Send::Break: bus_->send_break(f.break_bits, due_ns); break;
         case LinMasterFrameConfig::Send::Publish: {
@@ -646,19 +639,10 @@ void LinScheduledMaster::step(size_t index, int64_t remaining, int64_t due_ns) {
             break;
         }
         case LinMasterFrameConfig::Send::Header:
-            if (f.wrong_parity) pid ^= 0xC0;
-            frame = bus_->header(pid, f.break_bits, nullptr, 0, due_ns);
-            answered = true;
+            bus_->header(f.wrong_parity ? uint8_t(pid ^ 0xC0) : pid, f.break_bits, nullptr, 0, due_ns);
             break;
     }
-    {
-        std::lock_guard<std::mutex> g(mutex_);
-        ++sent_;
-        if (answered) {
-            if (answers_.size() >= 1000) answers_.pop_front();
-            answers_.push_back({f.id, frame.bytes});
-        }
-    }
+    ++sent_;
     if (remaining > 0 && --remaining == 0) return;
     const int64_t next = due_ns + f.period_us * 1000;
     std::weak_ptr<LinScheduledMaster> self = weak_from_this();

@@ -143,10 +143,8 @@ public:
     // Frames fall due from `t0_ns` on the bus's time line.
     void start(int64_t t0_ns);
     void stop();
-    // Frames this master has put on the bus, and the response fields slaves sent to its
-    // headers (empty when nobody answered), in order.
+    // Frames (headers, frames with its data, breaks) this master has put on the bus.
     uint64_t frames_sent();
-    std::vector<std::pair<uint8_t, std::vector<uint8_t>>> answers();
 
 private:
     void step(size_t index, int64_t remaining, int64_t due_ns);
@@ -157,7 +155,6 @@ private:
     std::mutex mutex_;
     bool running_ = false;
     uint64_t sent_ = 0;
-    std::deque<std::pair<uint8_t, std::vector<uint8_t>>> answers_;
 };
 
 }  // namespace polybus_sim
