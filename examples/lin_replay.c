@@ -2,9 +2,11 @@
  * LIN_EX_DecodeListFile and its frames are sent, with their recorded gaps, through
  * LIN_EX_MasterSync on channel 0 at 19200 baud.
  *
- *   build/polybus-sim -- build/lin-replay [recording.csv]
+ *   build/polybus-sim --world examples/worlds/lin_replay.toml -- build/lin-replay [recording.csv]
  *
- * Without an argument a short built-in recording is written to a temporary file. */
+ * Without an argument a short built-in recording is written to a temporary file; the
+ * world places the slaves it talks to. Exits 0 when every frame went out and every read
+ * frame was answered with a valid checksum, 1 otherwise. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -41,7 +43,7 @@ int main(int argc, char** argv) {
     char path[64];
     unsigned char reads[1] = {0x22}; /* frames with identifier 0x22 are read from a slave */
     LIN_EX_MSG in[BATCH], out[BATCH];
-    int dev, total, done = 0, i;
+    int dev, total, done = 0, failed = 0, i;
     const char* file = argc > 1 ? argv[1] : NULL;
 
     if (file == NULL) {
@@ -62,12 +64,16 @@ int main(int argc, char** argv) {
         const int n = LIN_EX_GetListFileMsg(done, BATCH, in);
         const int got = LIN_EX_MasterSync(dev, 0, in, out, (unsigned)n);
         if (got < 0) return printf("LIN_EX_MasterSync failed: %d\n", got), 1;
-        for (i = 0; i < got; ++i)
+        if (got == 0) return printf("LIN_EX_MasterSync sent nothing\n"), 1;
+        for (i = 0; i < got; ++i) {
+            if (out[i].CheckType == LIN_EX_CHECK_ERROR) ++failed;
             printf("  frame %d: id 0x%02X %s, %u data bytes, delay %u ms, verdict %u\n", done + i, in[i].PID & 0x3F,
                    in[i].MsgType == LIN_EX_MSG_MASTER_READ ? "read " : "write", (unsigned)(out[i].DataLen > 8 ? 0 : out[i].DataLen),
                    (unsigned)in[i].TimeStamp, (unsigned)out[i].CheckType);
-        done += n;
+        }
+        done += got;
     }
     USB_CloseDevice(dev);
+    if (failed > 0) return printf("%d frames without a valid answer (verdict %d)\n", failed, LIN_EX_CHECK_ERROR), 1;
     return 0;
 }

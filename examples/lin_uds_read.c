@@ -1,9 +1,10 @@
 /* Reads a data identifier from a LIN diagnostic node (NAD 0x0A on channel 0) with
  * LIN_UDS_Request and LIN_UDS_Response: ReadDataByIdentifier (0x22) of 0xF190.
  *
- *   build/polybus-sim -- build/lin-uds-read [identifier in hex]
+ *   build/polybus-sim --world examples/worlds/lin_uds_read.toml -- build/lin-uds-read [identifier in hex]
  *
- * The simulated adapter needs a diagnostic node placed on its LIN channel 0. */
+ * The world places the diagnostic node on the adapter's LIN channel 0. Exits 0 when the
+ * node answered positively, 1 otherwise. */
 #include <stdio.h>
 #include <stdlib.h>
 

@@ -113,4 +113,48 @@ private:
     std::vector<std::shared_ptr<LinNode>> nodes_;  // devices placed on the buses
 };
 
+// A master node outside the adapter that keeps its own schedule, for benches where the
+// adapter is a slave: each of its frames goes on the bus every period, on the clock
+// of `timer` (the world's clock), from start() until stop().
+struct LinMasterFrameConfig {
+    enum class Send {
+        Header,   // the header only: a slave (or the adapter's ID-mode table) answers
+        Publish,  // the header and the master's own data and checksum
+        Break,    // a break with nothing after it
+    };
+    Send send = Send::Header;
+    uint8_t id = 0;                 // 0..63
+    std::vector<uint8_t> data;      // Publish: 1..8 bytes
+    bool enhanced = true;           // Publish: checksum kind
+    bool wrong_parity = false;      // Header: the identifier goes out with both parity bits inverted
+    uint8_t break_bits = 13;
+    int64_t period_us = 100000;
+    int64_t offset_us = 0;          // the first one this long after start()
+    int64_t count = -1;             // how many times in all (-1: until stopped)
+};
+
+struct LinMasterConfig {
+    std::vector<LinMasterFrameConfig> frames;
+};
+
+class LinScheduledMaster : public std::enable_shared_from_this<LinScheduledMaster> {
+public:
+    LinScheduledMaster(Adapter& timer, std::shared_ptr<LinBus> bus, LinMasterConfig config);
+    // Frames fall due from `t0_ns` on the bus's time line.
+    void start(int64_t t0_ns);
+    void stop();
+    // Frames (headers, frames with its data, breaks) this master has put on the bus.
+    uint64_t frames_sent();
+
+private:
+    void step(size_t index, int64_t remaining, int64_t due_ns);
+
+    Adapter& timer_;
+    std::shared_ptr<LinBus> bus_;
+    LinMasterConfig config_;
+    std::mutex mutex_;
+    bool running_ = false;
+    uint64_t sent_ = 0;
+};
+
 }  // namespace polybus_sim
