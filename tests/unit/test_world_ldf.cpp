@@ -318,4 +318,14 @@ TEST_F(LdfWorld, RefusesBadTablesWithTheirPlace) {
     }
 }
 
+TEST(LdfWorldExample, ShippedClusterWorldIsAccepted) {
+    try {
+        EXPECT_EQ(polybus_sim::world::load_world(std::string(POLYBUS_SOURCE_DIR) + "/examples/worlds/ldf_cluster.toml")
+                      .adapter_count(),
+                  1u);
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << e.what();
+    }
+}
+
 }  // namespace
