@@ -236,7 +236,7 @@ private:
                 expect(i, end, ',');
                 sig.publisher = word(i + 1, end, "the publishing node").text;
             }
-            if (c.signal(sig.name) == nullptr) c.signals.push_back(std::move(sig));
+            if (c.signal_index.emplace(sig.name, c.signals.size()).second) c.signals.push_back(std::move(sig));
         }
     }
 
@@ -276,7 +276,7 @@ private:
                 fs.offset = unsigned(number(word(s + 2, end, "a bit offset"), 63, "a bit offset"));
                 f.signals.push_back(std::move(fs));
             }
-            if (c.frame(f.name) == nullptr) c.frames.push_back(std::move(f));
+            if (c.frame_index.emplace(f.name, c.frames.size()).second) c.frames.push_back(std::move(f));
             i = close + 1;
             if (i < e && t_[i].is(';')) ++i;
         }
@@ -315,14 +315,12 @@ private:
 }  // namespace
 
 const LdfSignal* LdfCluster::signal(const std::string& name) const {
-    for (auto& s : signals)
-        if (s.name == name) return &s;
-    return nullptr;
+    auto it = signal_index.find(name);
+    return it == signal_index.end() ? nullptr : &signals[it->second];
 }
 const LdfFrame* LdfCluster::frame(const std::string& name) const {
-    for (auto& f : frames)
-        if (f.name == name) return &f;
-    return nullptr;
+    auto it = frame_index.find(name);
+    return it == frame_index.end() ? nullptr : &frames[it->second];
 }
 const LdfFrame* LdfCluster::frame_by_id(uint8_t id) const {
     for (auto& f : frames)

@@ -73,6 +73,9 @@ struct LdfCluster {
     std::vector<LdfFrame> frames;
     std::vector<LdfSchedule> schedules;
 
+    // Positions by name (the first of a name), filled by the reader.
+    std::map<std::string, size_t> signal_index, frame_index;
+
     const LdfSignal* signal(const std::string& name) const;
     const LdfFrame* frame(const std::string& name) const;
     const LdfFrame* frame_by_id(uint8_t id) const;

@@ -161,11 +161,10 @@ TEST(SimLdf, ReadsEveryCorpusFile) {
         EXPECT_FALSE(c.frames.empty()) << name;
         EXPECT_GT(c.speed, 0u) << name;
         // A frame's bytes hold its signals' initial values and nothing else.
-        LdfValues v(c);
+        LdfValues v(c), back(c);
         for (auto& f : c.frames) {
             const std::vector<uint8_t> bytes = v.encode(f);
             ASSERT_EQ(bytes.size(), f.length) << name << " " << f.name;
-            LdfValues back(c);
             for (auto& s : f.signals) back.set(s.name, ~uint64_t{0});
             back.decode(f, bytes.data(), bytes.size());
             for (auto& s : f.signals) {
