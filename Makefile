@@ -61,6 +61,7 @@ bench: build
 	    echo "$$name: exited with status $$status" >> $$misses; fi; }; \
 	for b in $(BUILD)/bench/bench_*; do [ -x $$b ] || continue; run $${b##*/} $$b; done; \
 	run exchange_instructions bench/exchange_instructions.sh $(BUILD)/bench/bench_exchange; \
+	run ldf_growth_instructions bench/ldf_growth_instructions.sh $(BUILD)/bench/bench_ldf; \
 	echo; if [ -s $$misses ]; then echo "== figures that missed their targets:"; cat $$misses; \
 	  rm -f $$misses $$out; exit 1; fi; \
 	echo "== every figure met its target"; rm -f $$misses $$out

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <new>
 #include <sys/mman.h>
-#include <unordered_map>
+#include <vector>
 
 #include "database/ldf_internal.h"
 #include "util/text_scan.h"
@@ -87,6 +87,74 @@ void each_block(string_view body, Fn&& fn) {
     }
 }
 
+// Name -> first record of that name, for the parser's look-ups between sections.
+// Open addressing in one flat array, each slot holding the name's hash: a large
+// cluster's tables outgrow the caches, and a node-based map pays several cache misses
+// per look-up (bucket, node, key) where this pays about one plus the key comparison.
+template <typename T>
+class FirstByName {
+public:
+    explicit FirstByName(size_t expected) {
+        size_t cap = 16;
+        while (cap * 3 < expected * 4) cap <<= 1;  // filled to 3/4 at most
+        slots_.resize(cap);
+        mask_ = cap - 1;
+    }
+    // Keeps the first value given for a name.
+    void add(string_view name, T value) {
+        const uint64_t h = hash(name);
+        for (size_t i = h & mask_;; i = (i + 1) & mask_) {
+            Slot& slot = slots_[i];
+            if (slot.key == nullptr) {
+                slot = Slot{static_cast<uint32_t>(h), static_cast<uint32_t>(name.size()), name.data(), value};
+                if (++used_ * 4 > slots_.size() * 3) grow();
+                return;
+            }
+            if (slot.hash == static_cast<uint32_t>(h) && string_view(slot.key, slot.length) == name) return;
+        }
+    }
+    // The value for `name`, or `none`.
+    T find(string_view name, T none = T()) const {
+        const uint64_t h = hash(name);
+        for (size_t i = h & mask_;; i = (i + 1) & mask_) {
+            const Slot& slot = slots_[i];
+            if (slot.key == nullptr) return none;
+            if (slot.hash == static_cast<uint32_t>(h) && string_view(slot.key, slot.length) == name) return slot.value;
+        }
+    }
+
+private:
+    // 24 bytes: the low half of the hash and the name's length beside its address.
+    struct Slot {
+        uint32_t hash = 0;
+        uint32_t length = 0;
+        const char* key = nullptr;
+        T value{};
+    };
+    // FNV-1a, finished with a multiply-xorshift so the low bits (the slot index) mix well.
+    static uint64_t hash(string_view s) {
+        uint64_t h = 1469598103934665603ull;
+        for (const char c : s) h = (h ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+        h ^= h >> 32;
+        h *= 0x9E3779B97F4A7C15ull;
+        return h ^ (h >> 29);
+    }
+    void grow() {
+        std::vector<Slot> old;
+        old.swap(slots_);
+        slots_.resize(old.size() * 2);
+        mask_ = slots_.size() - 1;
+        for (const Slot& o : old) {
+            if (o.key == nullptr) continue;
+            size_t i = hash(string_view(o.key, o.length)) & mask_;
+            while (slots_[i].key != nullptr) i = (i + 1) & mask_;
+            slots_[i] = o;
+        }
+    }
+    std::vector<Slot> slots_;
+    size_t mask_ = 0, used_ = 0;
+};
+
 double max_raw(uint32_t bits) {
     if (bits >= 64) return 18446744073709551615.0;
     return static_cast<double>((uint64_t{1} << bits) - 1);
@@ -95,23 +163,20 @@ double max_raw(uint32_t bits) {
 // Signal name -> first representation's encoding; encoding name -> first encoding.
 class CodingLookup {
 public:
-    CodingLookup(const std::vector<LDF_SIGNAL_REPRESENTATION>& reps, const LDF_SIGNAL_CODING* codings, size_t n) {
-        by_signal_.reserve(reps.size());
-        for (const auto& r : reps) by_signal_.emplace(string_view(r.signalName), r.encodingName);
-        by_name_.reserve(n);
+    CodingLookup(const std::vector<LDF_SIGNAL_REPRESENTATION>& reps, const LDF_SIGNAL_CODING* codings, size_t n)
+        : by_signal_(reps.size()), by_name_(n) {
+        for (const auto& r : reps) by_signal_.add(string_view(r.signalName), r.encodingName);
         for (size_t i = 0; i < n; ++i)
-            if (codings[i].name != nullptr) by_name_.emplace(string_view(codings[i].name), &codings[i]);
+            if (codings[i].name != nullptr) by_name_.add(string_view(codings[i].name), &codings[i]);
     }
     const LDF_SIGNAL_CODING* of(string_view signal) const {
-        const auto r = by_signal_.find(signal);
-        if (r == by_signal_.end()) return nullptr;
-        const auto c = by_name_.find(string_view(r->second));
-        return c == by_name_.end() ? nullptr : c->second;
+        const char* encoding = by_signal_.find(signal);
+        return encoding == nullptr ? nullptr : by_name_.find(string_view(encoding));
     }
 
 private:
-    std::unordered_map<string_view, const char*> by_signal_;
-    std::unordered_map<string_view, const LDF_SIGNAL_CODING*> by_name_;
+    FirstByName<const char*> by_signal_;
+    FirstByName<const LDF_SIGNAL_CODING*> by_name_;
 };
 
 // name:size,init[,publisher[,subscriber...]] into `sig` (fields the entry lacks are kept).
@@ -279,12 +344,12 @@ std::string prepare(string_view file) {
     return out;
 }
 
-string_view section(string_view text, string_view name) {
-    std::string key(name);
-    key.push_back('{');
-    const size_t at = text.find(key);
-    if (at == string_view::npos) return string_view();
-    const size_t open = at + name.size();
+namespace {
+
+// The section whose opening brace is at `open` (npos: none), up to its closing brace
+// or the end of the text.
+string_view section_from(string_view text, size_t open) {
+    if (open == string_view::npos) return string_view();
     int depth = 0;
     bool quoted = false;
     for (size_t j = open; j < text.size(); ++j) {
@@ -294,6 +359,51 @@ string_view section(string_view text, string_view name) {
         if (text[j] == '}' && --depth == 0) return text.substr(open, j - open + 1);
     }
     return text.substr(open);
+}
+
+// Where each of the sections a database needs opens, found in one pass over the text:
+// the first '{' directly preceded by a section's name is that name's first occurrence
+// followed by '{', as section() finds it. One pass instead of one search per section
+// matters for large files, whose text is far larger than the caches.
+class SectionMap {
+public:
+    static constexpr size_t kCount = 9;
+    static constexpr string_view kNames[kCount] = {
+        "Signal_encoding_types", "Signal_representation", "Signals", "Diagnostic_signals", "Frames",
+        "Diagnostic_frames",     "Nodes",                 "Schedule_tables", "Node_attributes"};
+
+    explicit SectionMap(string_view text) : text_(text) {
+        for (size_t& o : open_) o = string_view::npos;
+        size_t missing = kCount;
+        for (size_t p = text.find('{'); p != string_view::npos && missing > 0; p = text.find('{', p + 1)) {
+            for (size_t k = 0; k < kCount; ++k) {
+                const string_view name = kNames[k];
+                if (open_[k] != string_view::npos || p < name.size()) continue;
+                if (text.substr(p - name.size(), name.size()) == name) {
+                    open_[k] = p;
+                    --missing;
+                }
+            }
+        }
+    }
+    string_view operator[](string_view name) const {
+        for (size_t k = 0; k < kCount; ++k)
+            if (kNames[k] == name) return section_from(text_, open_[k]);
+        return section(text_, name);
+    }
+
+private:
+    string_view text_;
+    size_t open_[kCount];
+};
+
+}  // namespace
+
+string_view section(string_view text, string_view name) {
+    std::string key(name);
+    key.push_back('{');
+    const size_t at = text.find(key);
+    return section_from(text, at == string_view::npos ? string_view::npos : at + name.size());
 }
 
 // The shared conversions: strtoll's and strtod's rules, with 0x detected and a leading
@@ -414,10 +524,9 @@ void parse_signals(string_view ordinary, string_view diagnostic, Store& s,
 
 void parse_frames(string_view ordinary, string_view diagnostic, Store& s, const LDF_LIN_SIGNAL* signals,
                   size_t signal_count, std::vector<LDF_LIN_FRAME>& out) {
-    std::unordered_map<string_view, const LDF_LIN_SIGNAL*> by_name;
-    by_name.reserve(signal_count);
+    FirstByName<const LDF_LIN_SIGNAL*> by_name(signal_count);
     for (size_t i = 0; i < signal_count; ++i)
-        if (signals[i].name != nullptr) by_name.emplace(string_view(signals[i].name), &signals[i]);
+        if (signals[i].name != nullptr) by_name.add(string_view(signals[i].name), &signals[i]);
 
     auto read_block = [&](string_view block, bool diag) {
         if (block.size() < 8) return;
@@ -437,16 +546,16 @@ void parse_frames(string_view ordinary, string_view diagnostic, Store& s, const 
         // Members go straight into the store: counted first, so the array is exact.
         size_t room = 0;
         each_piece(rest, ';', [&](string_view entry) {
-            if (entry.size() >= 3 && by_name.count(cut(entry, ','))) ++room;
+            if (entry.size() >= 3 && by_name.find(cut(entry, ',')) != nullptr) ++room;
         });
         f.signals = s.array<LDF_LIN_SIGNAL>(room);
         each_piece(rest, ';', [&](string_view entry) {
             if (entry.size() < 3) return;
             string_view offset;
-            const auto hit = by_name.find(cut(entry, ',', &offset));
-            if (hit == by_name.end()) return;
+            const LDF_LIN_SIGNAL* hit = by_name.find(cut(entry, ',', &offset));
+            if (hit == nullptr || f.signalCount >= room) return;
             LDF_LIN_SIGNAL& copy = f.signals[f.signalCount++];
-            copy = *hit->second;
+            copy = *hit;
             copy.bitOffset = static_cast<uint32_t>(integer(offset));
         });
         out.push_back(f);
@@ -469,10 +578,9 @@ void publish_master_request(LDF_LIN_FRAME* frames, size_t count, char* master) {
 
 void parse_schedules(string_view sec, Store& s, const LDF_LIN_FRAME* frames, size_t frame_count,
                      std::vector<LDF_LIN_SCH>& out) {
-    std::unordered_map<string_view, const LDF_LIN_FRAME*> by_name;
-    by_name.reserve(frame_count);
+    FirstByName<const LDF_LIN_FRAME*> by_name(frame_count);
     for (size_t i = 0; i < frame_count; ++i)
-        if (frames[i].name != nullptr) by_name.emplace(string_view(frames[i].name), &frames[i]);
+        if (frames[i].name != nullptr) by_name.add(string_view(frames[i].name), &frames[i]);
     each_block(inner(sec), [&](string_view name, string_view body) {
         LDF_LIN_SCH sch{};
         sch.name = s.string(name);
@@ -482,8 +590,7 @@ void parse_schedules(string_view sec, Store& s, const LDF_LIN_FRAME* frames, siz
             const size_t d = entry.rfind("delay");
             if (d == string_view::npos) return;
             LDF_SCH_ENTRY e{};
-            const auto hit = by_name.find(entry.substr(0, d));
-            if (hit != by_name.end()) e.frame = *hit->second;
+            if (const LDF_LIN_FRAME* hit = by_name.find(entry.substr(0, d))) e.frame = *hit;
             e.delay = static_cast<float>(decimal(entry.substr(d + 5)));
             entries.push_back(e);
         }, true);
@@ -565,24 +672,25 @@ void decode_text(string_view text, LDF_CODING& coding) {
     p.schedules.clear();
     p.attributes.clear();
     parse_header(text, p);
-    parse_codings(section(text, "Signal_encoding_types"), s, p.codings);
-    parse_representations(section(text, "Signal_representation"), s, p.representations);
+    const SectionMap sections(text);
+    parse_codings(sections["Signal_encoding_types"], s, p.codings);
+    parse_representations(sections["Signal_representation"], s, p.representations);
     LDF_SIGNAL_CODING* codings = s.copy(p.codings);
-    parse_signals(section(text, "Signals"), section(text, "Diagnostic_signals"), s, p.representations, codings,
+    parse_signals(sections["Signals"], sections["Diagnostic_signals"], s, p.representations, codings,
                   p.codings.size(), p.signals);
     LDF_LIN_SIGNAL* signals = s.copy(p.signals);
-    parse_frames(section(text, "Frames"), section(text, "Diagnostic_frames"), s, signals, p.signals.size(), p.frames);
+    parse_frames(sections["Frames"], sections["Diagnostic_frames"], s, signals, p.signals.size(), p.frames);
     LDF_LIN_FRAME* frames = s.copy(p.frames);
     LDF_LIN_NODE* node = nullptr;
-    const string_view nodes = section(text, "Nodes");
+    const string_view nodes = sections["Nodes"];
     if (inner(nodes).size() != 0) {
         node = s.array<LDF_LIN_NODE>(1);
         parse_nodes(nodes, s, *node);
         publish_master_request(frames, p.frames.size(), node->masterName);
     }
     // Schedule entries copy the frames as published (master request included).
-    parse_schedules(section(text, "Schedule_tables"), s, frames, p.frames.size(), p.schedules);
-    parse_attributes(section(text, "Node_attributes"), s, p.attributes);
+    parse_schedules(sections["Schedule_tables"], s, frames, p.frames.size(), p.schedules);
+    parse_attributes(sections["Node_attributes"], s, p.attributes);
 
     coding.protocolVersion = p.protocol_version;
     coding.languageVersion = p.language_version;

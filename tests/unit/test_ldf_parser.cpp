@@ -286,6 +286,44 @@ TEST(LdfQuirks, BoundsAndLongSectionsAreSafe) {
     decode(garbage);
 }
 
+TEST(LdfQuirks, SectionsAndNamesResolveToTheirFirstOccurrence) {
+    // "Signals{" first occurs at the end of "ZSignals{": that is the section read, as a
+    // plain search for the name and its brace finds it. "Frames" without a brace is not
+    // a section.
+    LDF_CODING c = decode("Frames = 1; ZSignals { A: 8, 1, M; } Signals { A: 8, 2, M; } "
+                          "Frames { F: 1, M, 1 { A, 0; } }");
+    ASSERT_EQ(c.frameCount, 1u);
+    ASSERT_EQ(c.frames[0].signalCount, 1u);
+    EXPECT_EQ(c.frames[0].signals[0].initValue, 1);
+
+    // Thousands of names, each given twice: frames, schedules and encodings take the
+    // first signal, frame, representation and encoding of a name.
+    std::string signals, frames, schedule, encodings, reps;
+    const int n = 3000;
+    for (int pass = 0; pass < 2; ++pass)
+        for (int i = 0; i < n; ++i) {
+            const std::string k = std::to_string(i);
+            signals += "Sig" + k + ": 8, " + std::to_string(pass == 0 ? i % 200 : 255) + ", M;";
+            frames += "Fr" + k + ": " + std::to_string(pass == 0 ? i % 60 : 61) + ", M, 1 { Sig" + k + ", 0; }";
+            schedule += "Fr" + k + " delay 1 ms;";
+            encodings += "Enc" + k + " { physical_value, 0, 255, " + (pass == 0 ? "2" : "3") + ", 0, \"u\"; }";
+            reps += (pass == 0 ? "Enc" : "Other") + k + ": Sig" + k + ";";
+        }
+    c = decode("Signals {" + signals + "} Frames {" + frames + "} Schedule_tables { T {" + schedule +
+               "} } Signal_encoding_types {" + encodings + "} Signal_representation {" + reps + "}");
+    ASSERT_EQ(c.frameCount, 2u * n);
+    ASSERT_EQ(c.scheduleCount, 1u);
+    ASSERT_EQ(c.schedules[0].entryCount, 2u * n);
+    for (int i = 0; i < n; i += 97) {
+        const LDF_LIN_FRAME& f = c.frames[n + i];  // the second frame of the name
+        ASSERT_EQ(f.signalCount, 1u);
+        EXPECT_EQ(f.signals[0].initValue, i % 200) << "Sig" << i;
+        ASSERT_EQ(f.signals[0].coding.physicalCount, 1u) << "Sig" << i;
+        EXPECT_DOUBLE_EQ(f.signals[0].coding.physicalValues[0].scale, 2.0) << "Sig" << i;
+        EXPECT_EQ(c.schedules[0].entries[n + i].frame.id, i % 60) << "Fr" << i;
+    }
+}
+
 TEST(LdfValues, PhysicalLogicalAndRawConversions) {
     LDF_CODING c = decode(R"(
         LIN_protocol_version = "2.1"; LIN_speed = 19.2 kbps;
