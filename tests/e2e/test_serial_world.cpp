@@ -219,8 +219,8 @@ pattern = "A1 B2 C3"
 )");
     SPI_CONFIG spi{};
     ASSERT_EQ(SPI_Init(dev, 1, &spi), 0);
+    const auto t0 = Clock::now();  // the master starts clocking when the adapter gets the request
     ASSERT_EQ(SPI_SlaveStartContinueRead(dev, 1), 0);
-    const auto t0 = Clock::now();
     std::this_thread::sleep_for(50ms);
     static unsigned char in[SPI_SLAVE_CHUNK_MAX];
     const int n = SPI_SlaveReadBytesFromBuffer(dev, 1, in, 100);
