@@ -201,4 +201,15 @@ TEST_F(SerialWorlds, PinEventsArePulsesWhenTheyRepeat) {
     expect_accepted("[[pin_event]]\npin = \"bench:3\"\nlevel = \"low\"\nat_ms = 30\npulse_us = 200\nperiod_ms = 5\n");
 }
 
+TEST(SerialWorldExamples, ShippedWorldsAreAccepted) {
+    for (const char* name : {"eeprom", "spi_flash", "uart_echo"}) {
+        const std::string path = std::string(POLYBUS_SOURCE_DIR) + "/examples/worlds/" + name + ".toml";
+        try {
+            EXPECT_EQ(load_world(path).adapter_count(), 1u) << name;
+        } catch (const std::exception& e) {
+            ADD_FAILURE() << e.what();
+        }
+    }
+}
+
 }  // namespace
