@@ -123,8 +123,8 @@ private:
 // that nothing was lost.
 struct SpiMasterConfig {
     double bytes_per_second = 1e6;
-    uint64_t limit = UINT64_MAX;  // bytes in the whole stream
-    std::vector<uint8_t> pattern;  // repeated as the stream; empty: byte_at(i)
+    uint64_t limit = UINT64_MAX;        // bytes in the whole stream
+    std::vector<uint8_t> pattern = {};  // repeated as the stream; empty: byte_at(i)
 };
 
 class SpiMasterStream {
