@@ -71,7 +71,6 @@ TEST_F(SerialWorlds, EepromsCheckTheirGeometryAndContents) {
     check({
         {"[[i2c_eeprom]]\nchannel = \"bench:2\"\n", "I2C channels 0 to 1", 2},
         {"[[i2c_eeprom]]\nchannel = \"bench:0\"\nsize = 3000\n", "power of two", 3},
-        {"[[i2c_eeprom]]\nchannel = \"bench:0\"\nsize = 64\n", "between 128 and 65536", 3},
         {"[[i2c_eeprom]]\nchannel = \"bench:0\"\nsize = 256\npage_size = 12\n", "'page_size' must be a power of two", 4},
         {"[[i2c_eeprom]]\nchannel = \"bench:0\"\nsize = 128\npage_size = 256\n", "up to 'size'", 4},
         {"[[i2c_eeprom]]\nchannel = \"bench:0\"\naddress = 0x80\n", "between 0 and 127", 3},
@@ -120,7 +119,6 @@ TEST_F(SerialWorlds, SmbusRegistersAreCommandCodesWithValuesThatFit) {
          "101112131415161718191A1B1C1D1E1F20\" }\n",
          "at most 32 bytes", 3},
         {"[[smbus_device]]\nchannel = \"bench:0\"\nwords = 5\n", "'words' must be a table", 3},
-        {"[[smbus_device]]\nchannel = \"bench:0\"\nreceive_byte = 300\n", "between 0 and 255", 3},
     });
 }
 
@@ -149,11 +147,8 @@ TEST_F(SerialWorlds, SpiPortsHoldOneDeviceAndOneMaster) {
         {"[[spi_flash]]\nport = \"bench:0\"\nsector_size = 65536\nblock_size = 4096\n", "no smaller than", 4},
         {"[[spi_flash]]\nport = \"bench:0\"\njedec_id = \"\"\n", "at least one byte", 3},
         {"[[spi_flash]]\nport = \"bench:0\"\njedec_id = \"01 02 03 04 05 06 07 08 09\"\n", "at most 8 fit", 3},
-        {"[[spi_flash]]\nport = \"bench:0\"\nsize = 134217728\n", "between 4096 and 67108864", 3},
         {"[[spi_master]]\nport = \"bench:0\"\nbytes_per_second = 0\n", "1 to 100000000", 3},
-        {"[[spi_master]]\nport = \"bench:0\"\nlimit = 0\n", "between 1 and", 3},
         {"[[spi_master]]\nport = \"bench:0\"\npattern = \"ABC\"\n", "must be hex bytes", 3},
-        {"[[spi_shift_register]]\nport = \"bench:0\"\ndepth = 0\n", "between 1 and 65536", 3},
     });
     // A master streams into the slave port of the same port a device sits on in master mode.
     expect_accepted("[[spi_flash]]\nport = \"bench:0\"\nsize = 4096\nsector_size = 4096\ncontents = \"image.bin\"\n"
@@ -165,7 +160,6 @@ TEST_F(SerialWorlds, UartPeersTakeOnlyTheKeysOfTheirMode) {
     check({
         {"[[uart_peer]]\nport = \"bench:4\"\nmode = \"echo\"\n", "UART ports 0 to 3", 2},
         {"[[uart_peer]]\nport = \"bench:0\"\nmode = \"loopback\"\n", "'mode' must be", 3},
-        {"[[uart_peer]]\nport = \"bench:0\"\n", "missing key 'mode'", 0},
         {"[[uart_peer]]\nport = \"bench:0\"\nmode = \"echo\"\n[[uart_peer]]\nport = \"bench:0\"\nmode = \"silent\"\n",
          "already has a peer", 5},
         {"[[uart_peer]]\nport = \"bench:0\"\nmode = \"echo\"\nstream = \"hi\"\n", "belongs to mode = \"stream\"", 4},
@@ -192,7 +186,6 @@ TEST_F(SerialWorlds, UartPeersTakeOnlyTheKeysOfTheirMode) {
 
 TEST_F(SerialWorlds, PinEventsArePulsesWhenTheyRepeat) {
     check({
-        {"[[pin_event]]\npin = \"bench:32\"\nlevel = \"low\"\n", "has pins 0 to 31", 2},
         {"[[pin_event]]\npin = \"bench:3\"\nlevel = \"up\"\n", "\"high\" or \"low\"", 3},
         {"[[pin_event]]\npin = \"bench:3\"\nlevel = \"low\"\nperiod_ms = 10\n", "give 'pulse_us'", 4},
         {"[[pin_event]]\npin = \"bench:3\"\nlevel = \"low\"\nperiod_ms = 1\npulse_us = 1000\n", "shorter than", 5},
