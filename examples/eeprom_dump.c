@@ -6,7 +6,10 @@
  *
  * Devices above 2 KiB take two address bytes; smaller ones one (larger small devices
  * answer at ADDRESS + 1, + 2, ... for each further 256 bytes). The first adapter found
- * is used, I2C channel 0. */
+ * is used, I2C channel 0. Writing exits with status 1 unless the read-back matches.
+ *
+ * Against a simulated 24C16:
+ *   build/polybus-sim --world examples/worlds/eeprom.toml -- build/eeprom-dump write examples/worlds/eeprom_image.txt 2048 16 */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -6,7 +6,11 @@
  *
  * The image starts at the lowest address of the file, minus BASE (default 0); gaps are
  * filled with 0xFF. Sectors are erased as needed; a 3-byte-address flash with the
- * common command set is assumed (06, 02, 03, 0B, 20, C7, 9F, 05). */
+ * common command set is assumed (06, 02, 03, 0B, 20, C7, 9F, 05). Exits with status 1
+ * unless every byte reads back as programmed.
+ *
+ * Against a simulated 2 MiB flash:
+ *   build/polybus-sim --world examples/worlds/spi_flash.toml -- build/spi-flash-program examples/worlds/firmware.hex */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -416,4 +416,41 @@ void I2cModel::reset() {
     }
 }
 
+// ---- Scheduled master ------------------------------------------------------------------
+
+namespace {
+struct MasterRun {
+    Adapter* clock;
+    std::weak_ptr<Adapter> target;
+    int channel;
+    I2cMasterConfig::Step step;
+    std::shared_ptr<std::atomic<bool>> stop;
+    std::chrono::steady_clock::time_point start;
+
+    // One occurrence at a time, so a fast periodic step never floods the timer queue.
+    static void schedule(std::shared_ptr<MasterRun> run, uint32_t n) {
+        const auto due = run->start + std::chrono::microseconds(run->step.at_us + uint64_t(n) * run->step.period_us);
+        const auto delay = std::chrono::duration_cast<std::chrono::microseconds>(due - Clock::now());
+        run->clock->after(std::max(delay, std::chrono::microseconds(0)), [run, n] {
+            if (run->stop->load()) return;
+            auto adapter = run->target.lock();
+            if (!adapter) return;
+            I2cModel& model = adapter->model<I2cModel>();
+            if (!run->step.write.empty()) model.master_write(run->channel, run->step.write);
+            if (run->step.read > 0) model.master_read(run->channel, run->step.read);
+            const uint32_t next = n + 1;
+            if (run->step.period_us == 0 || (run->step.count != 0 && next >= run->step.count)) return;
+            schedule(run, next);
+        });
+    }
+};
+}  // namespace
+
+void run_i2c_master(Adapter& clock, std::weak_ptr<Adapter> target, int channel, const I2cMasterConfig& config,
+                    std::shared_ptr<std::atomic<bool>> stop) {
+    const auto start = Clock::now();
+    for (const auto& step : config.steps)
+        MasterRun::schedule(std::make_shared<MasterRun>(MasterRun{&clock, target, channel, step, stop, start}), 0);
+}
+
 }  // namespace polybus_sim

@@ -11,6 +11,7 @@
 // Transfers take no bus time; EEPROM write cycles and event waits take theirs.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -123,6 +124,27 @@ private:
     std::map<uint8_t, std::vector<uint8_t>> blocks_;
     std::vector<uint8_t> last_write_;
 };
+
+// A bus master addressing the adapter's slave mode on a schedule. Each step writes
+// `write` to the adapter (what IIC_SlaveReadBytes collects) or reads `read` bytes from
+// it (what IIC_SlaveWriteBytes prepared), first `at_us` after the start, then every
+// `period_us` until it has run `count` times (0: for as long as the world runs).
+struct I2cMasterConfig {
+    struct Step {
+        uint64_t at_us = 0;
+        std::vector<uint8_t> write;
+        size_t read = 0;
+        uint64_t period_us = 0;
+        uint32_t count = 1;
+    };
+    std::vector<Step> steps;
+};
+
+class I2cModel;
+// Runs `config` on `clock`'s timer thread against channel `channel` of `target`; stops
+// when the target adapter is gone or `*stop` is set.
+void run_i2c_master(Adapter& clock, std::weak_ptr<Adapter> target, int channel, const I2cMasterConfig& config,
+                    std::shared_ptr<std::atomic<bool>> stop);
 
 class I2cModel : public FamilyModel {
 public:

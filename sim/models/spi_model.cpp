@@ -39,7 +39,7 @@ std::vector<uint8_t> SpiDevice::frame(const std::vector<uint8_t>& out, size_t re
     return in;
 }
 
-NorFlash::NorFlash(NorFlashConfig config) : config_(std::move(config)), memory_(config_.size, 0xFF) {}
+NorFlash::NorFlash(NorFlashConfig config) : config_(std::move(config)), memory_(config_.size, config_.fill) {}
 
 std::chrono::microseconds NorFlash::settle() {
     std::lock_guard<std::mutex> g(mutex_);
@@ -207,7 +207,7 @@ void SpiModel::pump(Port& p) {
     }
     const size_t room = slave_buffer_ - std::min(slave_buffer_, p.rx.size() - p.rx_head);
     const uint64_t keep = std::min<uint64_t>(n, room);
-    for (uint64_t i = 0; i < keep; ++i) p.rx.push_back(SpiMasterStream::byte_at(m.produced_ + i));
+    for (uint64_t i = 0; i < keep; ++i) p.rx.push_back(m.byte(m.produced_ + i));
     p.overruns += n - keep;
     // The slave answers with its continuous-write data while the master clocks.
     const size_t answered = std::min<size_t>(p.tx.size(), size_t(n));
@@ -385,7 +385,7 @@ SpiModel::SpiModel(Adapter& a) : adapter_(a) {
             if (m) {
                 m->received_.insert(m->received_.end(), data.begin(), data.end());
                 p.be32(uint32_t(data.size())).be32(len);
-                for (uint32_t i = 0; i < len; ++i) p.u8(SpiMasterStream::byte_at(m->produced_ + i));
+                for (uint32_t i = 0; i < len; ++i) p.u8(m->byte(m->produced_ + i));
                 m->produced_ += std::max<uint64_t>(len, data.size());
             }
         }

@@ -62,6 +62,7 @@ struct NorFlashConfig {
     uint32_t sector_erase_us = 10000;
     uint32_t block_erase_us = 60000;
     uint32_t chip_erase_us = 200000;
+    uint8_t fill = 0xFF;  // content of a new device (erased)
 };
 
 class NorFlash : public SpiDevice {
@@ -118,16 +119,22 @@ private:
 };
 
 // A bus master clocking bytes into the adapter's slave port at a steady rate. Byte i
-// of its stream is byte_at(i), so a reader can check that nothing was lost.
+// of its stream is byte(i): byte_at(i) unless a pattern is set, so a reader can check
+// that nothing was lost.
 struct SpiMasterConfig {
     double bytes_per_second = 1e6;
-    uint64_t limit = UINT64_MAX;  // bytes in the whole stream
+    uint64_t limit = UINT64_MAX;        // bytes in the whole stream
+    std::vector<uint8_t> pattern = {};  // repeated as the stream; empty: byte_at(i)
 };
 
 class SpiMasterStream {
 public:
     explicit SpiMasterStream(SpiMasterConfig config) : config_(config) {}
     static uint8_t byte_at(uint64_t i) { return uint8_t((i * 2654435761u) >> 13 ^ (i >> 8)); }
+    // Byte i of this master's stream.
+    uint8_t byte(uint64_t i) const {
+        return config_.pattern.empty() ? byte_at(i) : config_.pattern[size_t(i % config_.pattern.size())];
+    }
     const SpiMasterConfig& config() const { return config_; }
 
 private:

@@ -97,9 +97,14 @@ UartModel::Clock::time_point UartModel::transmit(Port& p, const std::vector<uint
     return t;
 }
 
+UartModel::Clock::duration UartModel::peer_byte_time(const Port& p) const {
+    if (p.peer.baud == 0) return byte_time(p);
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(10.0 / p.peer.baud));
+}
+
 void UartModel::peer_transmit(Port& p, Clock::time_point from, const std::vector<uint8_t>& data) {
     auto t = std::max(from, p.peer_free);
-    const auto bt = byte_time(p);
+    const auto bt = peer_byte_time(p);
     for (uint8_t b : data) {
         t += bt;
         // Kept in time order: the peer's transmitter sends one byte after the other.
@@ -122,7 +127,8 @@ void UartModel::attach(int index, UartPeerConfig peer) {
     Port& p = port(uint8_t(index));
     p.peer = std::move(peer);
     if (p.peer.kind == UartPeerConfig::Kind::Stream)
-        for (int r = 0; r < p.peer.repeat; ++r) peer_transmit(p, Clock::now(), p.peer.stream);
+        for (int r = 0; r < p.peer.repeat; ++r)
+            peer_transmit(p, Clock::now() + std::chrono::microseconds(p.peer.stream_delay_us), p.peer.stream);
 }
 
 std::vector<uint8_t> UartModel::peer_received(int index) {

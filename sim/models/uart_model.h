@@ -30,6 +30,8 @@ struct UartPeerConfig {
     std::vector<uint8_t> stream;
     int repeat = 1;
     uint32_t reply_delay_us = 0;  // Echo/Script: the peer's turnaround
+    uint32_t stream_delay_us = 0;  // Stream: from attaching to the first byte
+    uint32_t baud = 0;             // the peer's own rate; 0: the port's configured rate
 };
 
 class UartModel : public FamilyModel {
@@ -70,6 +72,7 @@ private:
         std::vector<Clock::time_point> heard_at;
     };
     Clock::duration byte_time(const Port& p) const;
+    Clock::duration peer_byte_time(const Port& p) const;
     // The adapter transmits `data` with `gap` between bytes; returns when the last is out.
     Clock::time_point transmit(Port& p, const std::vector<uint8_t>& data, Clock::duration gap);
     void peer_transmit(Port& p, Clock::time_point from, const std::vector<uint8_t>& data);
