@@ -242,6 +242,32 @@ DBC_NO_SANITIZE_WIDE_LOADS inline bool name_is_quick(const NameKey& k, const cha
 #endif
 }
 
+// True when the C strings `a` and `b` are certainly the names of the keys `ka` and
+// `kb`, false when they are not or when this test cannot tell (then `a` lies near the
+// start or end of its page, or is null). Both keys must have care != 0. Unlike `a`,
+// `b` is not checked: it must not be null and must lie at least 32 bytes before the
+// end of its page (wide_load_ok). Both names are judged together, with one branch;
+// `a`, a message name, mostly fits in the first 16 bytes, and the test for that is
+// the same in every call for the same message.
+DBC_NO_SANITIZE_WIDE_LOADS inline bool both_names_quick(const NameKey& ka, const char* a, const NameKey& kb,
+                                                        const char* b) {
+#if DBC_WIDE_NAME_LOADS
+    a = opaque(a);
+    b = opaque(b);
+    if (!wide_load_ok(a)) return false;
+    auto equal16 = [](const char* s, const char* text) DBC_NO_SANITIZE_WIDE_LOADS {
+        return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)), _mm_load_si128(reinterpret_cast<const __m128i*>(text)))));
+    };
+    uint32_t ea = equal16(a, ka.text);
+    if (ka.care > 0xFFFFu) ea |= equal16(a + 16, ka.text + 16) << 16;
+    const uint32_t eb = equal16(b, kb.text) | (equal16(b + 16, kb.text + 16) << 16);
+    return ((~ea & ka.care) | (~eb & kb.care)) == 0;
+#else
+    return name_is_slow(ka, a) && name_is_slow(kb, b);
+#endif
+}
+
 // Whether the C string `s` is the key's name.
 inline bool name_is(const NameKey& k, const char* s) {
 #if DBC_WIDE_NAME_LOADS
