@@ -60,8 +60,10 @@ struct CanField {
     // message's name both have keys for the quick test (at most 31 bytes), and both
     // are the first of their name.
     bool quick;
-    uint64_t signBit;  // ReadInteger: the sign bit of a signed signal, which
-                       // (raw ^ signBit) - signBit extends; 0 otherwise
+    // ReadInteger: the sign bit of a signed signal, which (raw ^ signBit) - signBit
+    // extends (at most bit 62), else 0; bit 63 alone for the other kinds, so that
+    // one load tells the common case.
+    uint64_t signBit;
 };
 
 // One slot of a message's table of signals by name: the name hash's upper half and

@@ -198,8 +198,9 @@ inline double read_physical(const CanField& f) {
     // than the test.
     const uint64_t raw = f.sig->rawValue & f.scale.mask;
     f.sig->rawValue = raw;
-    if (__builtin_expect(f.readKind == CanField::ReadInteger, 1)) {
-        const int64_t v = static_cast<int64_t>((raw ^ f.signBit) - f.signBit);
+    const uint64_t sign = f.signBit;
+    if (__builtin_expect(sign >> 63 == 0, 1)) {  // ReadInteger
+        const int64_t v = static_cast<int64_t>((raw ^ sign) - sign);
         return static_cast<double>(v) * f.scale.factor + f.scale.offset;
     }
     switch (f.readKind) {

@@ -82,6 +82,7 @@ void DBC_Decoder::build_codec() {
                 f.readKind = dbc_detail::CanField::ReadZero;
             const int length = sig.length & 0xFF;
             f.signBit = sig.isSigned == 1 && length > 0 && length < 64 ? 1ull << (length - 1) : 0;
+            if (f.readKind != dbc_detail::CanField::ReadInteger) f.signBit = 1ull << 63;
             const int sb = sig.startBit;
             const bool motorola = sig.byteOrder == Motorola;
             f.bigEndian = motorola ? 1 : 0;

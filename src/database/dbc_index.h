@@ -192,6 +192,7 @@ struct NameKey {
                       // included; 0 for a longer name or one that never matches
     uint32_t length;  // UINT32_MAX: no C string matches (the name holds a NUL, or
                       // an earlier record of the same list has the same name)
+    uint32_t ignore;  // ~care
     const char* name;  // the whole name
 };
 
@@ -207,6 +208,7 @@ inline NameKey make_key(const std::string& name, bool matchable) {
         std::memcpy(k.text, name.data(), name.size());
         k.care = static_cast<uint32_t>((2ull << name.size()) - 1);
     }
+    k.ignore = ~k.care;
     return k;
 }
 
@@ -252,17 +254,18 @@ DBC_NO_SANITIZE_WIDE_LOADS inline bool name_is_quick(const NameKey& k, const cha
 DBC_NO_SANITIZE_WIDE_LOADS inline bool both_names_quick(const NameKey& ka, const char* a, const NameKey& kb,
                                                         const char* b) {
 #if DBC_WIDE_NAME_LOADS
-    a = opaque(a);
-    b = opaque(b);
     if (!wide_load_ok(a)) return false;
     auto equal16 = [](const char* s, const char* text) DBC_NO_SANITIZE_WIDE_LOADS {
         return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(
             _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)), _mm_load_si128(reinterpret_cast<const __m128i*>(text)))));
     };
-    uint32_t ea = equal16(a, ka.text);
-    if (ka.care > 0xFFFFu) ea |= equal16(a + 16, ka.text + 16) << 16;
-    const uint32_t eb = equal16(b, kb.text) | (equal16(b + 16, kb.text + 16) << 16);
-    return ((~ea & ka.care) | (~eb & kb.care)) == 0;
+    // A name of up to 15 bytes ignores the upper 16 bytes: they are not loaded.
+    const uint32_t ia = ka.ignore, ib = kb.ignore;
+    uint32_t ea = equal16(a, ka.text) | ia;
+    if (ia < 0xFFFF0000u) ea |= equal16(a + 16, ka.text + 16) << 16;
+    uint32_t eb = equal16(b, kb.text) | ib;
+    if (ib < 0xFFFF0000u) eb |= equal16(b + 16, kb.text + 16) << 16;
+    return (ea & eb) == UINT32_MAX;
 #else
     return name_is_slow(ka, a) && name_is_slow(kb, b);
 #endif
