@@ -142,8 +142,16 @@ public:
     // of the last look-up by name and the signal after the last one found, then the
     // name indexes; inline, so that the exported calls run without a further call in
     // the common case.
-    int setSignalValue(const char* messageName, const char* signalName, double value);
-    int getSignalValue(const char* messageName, const char* signalName, double* value);
+    int setSignalValue(const char* messageName, const char* signalName, double value) {
+        return set_value(dbc_detail::opaque(messageName), dbc_detail::opaque(signalName), value);
+    }
+    int getSignalValue(const char* messageName, const char* signalName, double* value) {
+        return get_value(dbc_detail::opaque(messageName), dbc_detail::opaque(signalName), value);
+    }
+    // The same for names the compiler knows nothing of, such as the exported calls'
+    // arguments (see opaque): without the copies that hiding them costs.
+    int set_value(const char* messageName, const char* signalName, double value);
+    int get_value(const char* messageName, const char* signalName, double* value);
     int syncCANMsgToValue(const CAN_MSG* frames, int count);
     int syncCANFDMsgToValue(const CANFD_MSG* frames, int count);
     int syncValueToCANMsg(const char* messageName, CAN_MSG* frame);
@@ -240,8 +248,8 @@ DBC_Decoder::remembered(const char* messageName, const char* signalName) const {
     return nullptr;
 }
 
-inline __attribute__((always_inline)) int DBC_Decoder::setSignalValue(const char* messageName,
-                                                                      const char* signalName, double value) {
+inline __attribute__((always_inline)) int DBC_Decoder::set_value(const char* messageName, const char* signalName,
+                                                                 double value) {
     const dbc_detail::CanField* f = remembered(messageName, signalName);
     if (__builtin_expect(f != nullptr, 1)) {
         dbc_detail::store_physical(*f, *f->owner, value);
@@ -250,8 +258,8 @@ inline __attribute__((always_inline)) int DBC_Decoder::setSignalValue(const char
     return set_signal_value_slow(messageName, signalName, value);
 }
 
-inline __attribute__((always_inline)) int DBC_Decoder::getSignalValue(const char* messageName,
-                                                                      const char* signalName, double* value) {
+inline __attribute__((always_inline)) int DBC_Decoder::get_value(const char* messageName, const char* signalName,
+                                                                 double* value) {
     const dbc_detail::CanField* f = remembered(messageName, signalName);
     if (__builtin_expect(f != nullptr, 1)) {
         *value = dbc_detail::read_physical(*f);

@@ -248,7 +248,8 @@ DBC_NO_SANITIZE_WIDE_LOADS inline bool name_is_quick(const NameKey& k, const cha
 // `kb`, false when they are not or when this test cannot tell (then `a` lies near the
 // start or end of its page, or is null). Both keys must have care != 0. Unlike `a`,
 // `b` is not checked: it must not be null and must lie at least 32 bytes before the
-// end of its page (wide_load_ok). Both names are judged together, with one branch;
+// end of its page (wide_load_ok). The compiler must know nothing of the objects
+// behind `a` and `b` (see opaque). Both names are judged together, with one branch;
 // `a`, a message name, mostly fits in the first 16 bytes, and the test for that is
 // the same in every call for the same message.
 DBC_NO_SANITIZE_WIDE_LOADS inline bool both_names_quick(const NameKey& ka, const char* a, const NameKey& kb,
