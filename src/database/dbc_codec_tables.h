@@ -34,17 +34,11 @@ struct Scale {
 // fields, in which a Motorola field is a run of consecutive bits.
 struct MessageCodec;
 
-struct CanField {
-    NameKey key;  // the signal's name; only the first signal of a name matches
-    NameKey messageKey;  // the message's, for the quick test of both names at once
-    Scale scale;
+struct alignas(64) CanField {
+    // What decoding a frame reads of every field comes first, within 24 bytes: one
+    // cache line.
     DBC_SIGNAL* sig;
-    const MessageCodec* owner;  // the message's codec entry
-    uint32_t page;     // multiplexed signal: its switch value; else UINT32_MAX
     uint64_t mask;       // reading: value mask of the signal length (0: outside the frame)
-    uint64_t wordMask;   // writing: the field's bits in the word
-    uint64_t valueMask;  // writing: 0 when no bit of the raw value reaches the frame
-    uint64_t insertMask;  // wordMask & valueMask
     uint8_t readShift;   // reading: right shift of the word
     uint8_t bigEndian;   // 1: operate on the byte-swapped word
     uint8_t slowRead;    // 1: read byte-wise (a Motorola field starting past the frame)
@@ -60,10 +54,18 @@ struct CanField {
     // message's name both have keys for the quick test (at most 31 bytes), and both
     // are the first of their name.
     bool quick;
+    NameKey key;  // the signal's name; only the first signal of a name matches
+    NameKey messageKey;  // the message's, for the quick test of both names at once
     // ReadInteger: the sign bit of a signed signal, which (raw ^ signBit) - signBit
     // extends (at most bit 62), else 0; bit 63 alone for the other kinds, so that
     // one load tells the common case.
     uint64_t signBit;
+    Scale scale;
+    const MessageCodec* owner;  // the message's codec entry
+    uint32_t page;     // multiplexed signal: its switch value; else UINT32_MAX
+    uint64_t wordMask;   // writing: the field's bits in the word
+    uint64_t valueMask;  // writing: 0 when no bit of the raw value reaches the frame
+    uint64_t insertMask;  // wordMask & valueMask
 };
 
 // One slot of a message's table of signals by name: the name hash's upper half and
