@@ -88,14 +88,14 @@ __attribute__((noinline)) int set_signal_value_other_handle(uint64_t h, const ch
                                                             double value) {
     DBC_Decoder* db = lookup_slow(h);
     if (db == nullptr) return DBC_ERR_HANDLE;
-    return db->setSignalValue(msg, sig, value);
+    return db->set_value(msg, sig, value);
 }
 
 __attribute__((noinline)) int get_signal_value_other_handle(uint64_t h, const char* msg, const char* sig,
                                                             double* value) {
     DBC_Decoder* db = lookup_slow(h);
     if (db == nullptr) return DBC_ERR_HANDLE;
-    return db->getSignalValue(msg, sig, value);
+    return db->get_value(msg, sig, value);
 }
 
 }  // namespace
@@ -158,7 +158,7 @@ POLYBUS_API int DBC_SetSignalValue(uint64_t DBCHandle, const char* pMsgName, con
     // and without a stack frame.
     if (__builtin_expect(DBCHandle == g_last_valid.load(std::memory_order_relaxed), 1))
         return reinterpret_cast<DBC_Decoder*>(static_cast<uintptr_t>(DBCHandle))
-            ->setSignalValue(pMsgName, pSignalName, Value);
+            ->set_value(pMsgName, pSignalName, Value);
     return set_signal_value_other_handle(DBCHandle, pMsgName, pSignalName, Value);
 }
 
@@ -167,7 +167,7 @@ POLYBUS_API int DBC_GetSignalValue(uint64_t DBCHandle, const char* pMsgName, con
     if (pValue == nullptr) return DBC_ERR_HANDLE;
     if (__builtin_expect(DBCHandle == g_last_valid.load(std::memory_order_relaxed), 1))
         return reinterpret_cast<DBC_Decoder*>(static_cast<uintptr_t>(DBCHandle))
-            ->getSignalValue(pMsgName, pSignalName, pValue);
+            ->get_value(pMsgName, pSignalName, pValue);
     return get_signal_value_other_handle(DBCHandle, pMsgName, pSignalName, pValue);
 }
 

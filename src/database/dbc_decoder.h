@@ -137,12 +137,21 @@ public:
     int findSignal(int message, std::string_view name) const;
 
     // The work of the exported functions on a valid database (results as there).
-    // Setting and reading by name try the message of the last look-up by name and the
-    // signal last found for the same name string first (both confirmed by comparing
-    // the names), then the signal after the last one found, then the name indexes;
-    // inline, so that the exported calls run without a further call in the common case.
-    int setSignalValue(const char* messageName, const char* signalName, double value);
-    int getSignalValue(const char* messageName, const char* signalName, double* value);
+    // Setting and reading by name try the signal last found for the same name string
+    // first (confirmed by comparing its name and its message's name), then the message
+    // of the last look-up by name and the signal after the last one found, then the
+    // name indexes; inline, so that the exported calls run without a further call in
+    // the common case.
+    int setSignalValue(const char* messageName, const char* signalName, double value) {
+        return set_value(dbc_detail::opaque(messageName), dbc_detail::opaque(signalName), value);
+    }
+    int getSignalValue(const char* messageName, const char* signalName, double* value) {
+        return get_value(dbc_detail::opaque(messageName), dbc_detail::opaque(signalName), value);
+    }
+    // The same for names the compiler knows nothing of, such as the exported calls'
+    // arguments (see opaque): without the copies that hiding them costs.
+    int set_value(const char* messageName, const char* signalName, double value);
+    int get_value(const char* messageName, const char* signalName, double* value);
     int syncCANMsgToValue(const CAN_MSG* frames, int count);
     int syncCANFDMsgToValue(const CANFD_MSG* frames, int count);
     int syncValueToCANMsg(const char* messageName, CAN_MSG* frame);
@@ -160,6 +169,9 @@ private:
     void add_signal_table(dbc_detail::MessageCodec& c);
     int cached_message(const char* name) const;
     int cached_signal(int message, const char* name) const;
+    // The signal remembered for this name string if both names confirm it, else null.
+    const dbc_detail::CanField* remembered(const char* messageName, const char* signalName) const;
+    void remember(const dbc_detail::CanField& f, const char* signalName);
     int set_signal_value_slow(const char* messageName, const char* signalName, double value);
     int get_signal_value_slow(const char* messageName, const char* signalName, double* value);
     void decode_can(int message, const CAN_MSG& frame);
@@ -170,7 +182,6 @@ private:
 
     bool codec_ready_ = false;       // fields_ / codecs_ match the lists
     mutable int last_message_ = -1;  // the message found by the last look-up by name
-    mutable dbc_detail::MessageCodec* last_codec_ = dbc_detail::no_codec();  // and its codec entry
     dbc_detail::HashIndex index_msg_name_;
     dbc_detail::HashIndex index_signal_;
     dbc_detail::HashIndex index_attr_def_;
@@ -179,8 +190,9 @@ private:
     std::vector<dbc_detail::PackedField> packed_;
     std::vector<dbc_detail::MessageCodec> codecs_;
     std::vector<dbc_detail::SignalSlot> slots_;  // the messages' signal tables
-    // Signals found by name, by the address of the name (see hint_slot).
-    mutable dbc_detail::Hints hints_ = dbc_detail::no_hints();
+    // Signals found by name, by the address of the name (see hint_slot); all of them
+    // have `quick` set.
+    dbc_detail::Hints hints_{};
 };
 
 namespace dbc_detail {
@@ -194,8 +206,9 @@ inline double read_physical(const CanField& f) {
     // than the test.
     const uint64_t raw = f.sig->rawValue & f.scale.mask;
     f.sig->rawValue = raw;
-    if (__builtin_expect(f.readKind == CanField::ReadInteger, 1)) {
-        const int64_t v = static_cast<int64_t>(raw << f.signShift) >> f.signShift;
+    const uint64_t sign = f.signBit;
+    if (__builtin_expect(sign >> 63 == 0, 1)) {  // ReadInteger
+        const int64_t v = static_cast<int64_t>((raw ^ sign) - sign);
         return static_cast<double>(v) * f.scale.factor + f.scale.offset;
     }
     switch (f.readKind) {
@@ -225,32 +238,32 @@ inline __attribute__((always_inline)) void store_physical(const CanField& f, con
 
 }  // namespace dbc_detail
 
-// The common case runs without a call: the message of the last look-up by name, and
-// the signal remembered for this name string, both confirmed by their names (see
-// name_is_quick) and the signal also by its message. last_codec_ is a message of the
-// codec tables or no_codec(), and the hints hold signals of the tables or no_field().
-inline __attribute__((always_inline)) int DBC_Decoder::setSignalValue(const char* messageName,
-                                                                      const char* signalName, double value) {
-    const dbc_detail::MessageCodec* c = last_codec_;
-    if (__builtin_expect(dbc_detail::name_is_quick(c->key, messageName), 1)) {
-        const dbc_detail::CanField* f = hints_[dbc_detail::hint_slot(signalName)];
-        if (__builtin_expect(f->owner == c && dbc_detail::name_is_quick(f->key, signalName), 1)) {
-            dbc_detail::store_physical(*f, *c, value);
-            return 0;
-        }
+// The common case runs without a call: the signal remembered for this name string,
+// confirmed by its name and its message's name (see both_names_quick; the slot
+// vouches for the signal name's place in its page).
+DBC_NO_SANITIZE_WIDE_LOADS inline __attribute__((always_inline)) const dbc_detail::CanField*
+DBC_Decoder::remembered(const char* messageName, const char* signalName) const {
+    const dbc_detail::CanField* f = hints_[dbc_detail::hint_slot(signalName)];
+    if (f != nullptr && dbc_detail::both_names_quick(f->messageKey, messageName, f->key, signalName)) return f;
+    return nullptr;
+}
+
+inline __attribute__((always_inline)) int DBC_Decoder::set_value(const char* messageName, const char* signalName,
+                                                                 double value) {
+    const dbc_detail::CanField* f = remembered(messageName, signalName);
+    if (__builtin_expect(f != nullptr, 1)) {
+        dbc_detail::store_physical(*f, *f->owner, value);
+        return 0;
     }
     return set_signal_value_slow(messageName, signalName, value);
 }
 
-inline __attribute__((always_inline)) int DBC_Decoder::getSignalValue(const char* messageName,
-                                                                      const char* signalName, double* value) {
-    const dbc_detail::MessageCodec* c = last_codec_;
-    if (__builtin_expect(dbc_detail::name_is_quick(c->key, messageName), 1)) {
-        const dbc_detail::CanField* f = hints_[dbc_detail::hint_slot(signalName)];
-        if (__builtin_expect(f->owner == c && dbc_detail::name_is_quick(f->key, signalName), 1)) {
-            *value = dbc_detail::read_physical(*f);
-            return 0;
-        }
+inline __attribute__((always_inline)) int DBC_Decoder::get_value(const char* messageName, const char* signalName,
+                                                                 double* value) {
+    const dbc_detail::CanField* f = remembered(messageName, signalName);
+    if (__builtin_expect(f != nullptr, 1)) {
+        *value = dbc_detail::read_physical(*f);
+        return 0;
     }
     return get_signal_value_slow(messageName, signalName, value);
 }

@@ -58,7 +58,7 @@ void DBC_Decoder::build_codec() {
     for (size_t m = 0; m < messages.size(); ++m) {
         DBC_MESSAGE& msg = messages[m];
         dbc_detail::MessageCodec& c = codecs_[m];
-        c.key = dbc_detail::make_key(msg.name, true);
+        c.key = dbc_detail::make_key(msg.name, findMessage(std::string_view(msg.name)) == static_cast<int>(m));
         c.first = static_cast<uint32_t>(fields_.size());
         c.count = static_cast<uint32_t>(msg.signals.size());
         for (size_t i = 0; i < msg.signals.size(); ++i) {
@@ -81,7 +81,8 @@ void DBC_Decoder::build_codec() {
             else
                 f.readKind = dbc_detail::CanField::ReadZero;
             const int length = sig.length & 0xFF;
-            f.signShift = static_cast<uint8_t>(sig.isSigned == 1 && length > 0 && length < 64 ? 64 - length : 0);
+            f.signBit = sig.isSigned == 1 && length > 0 && length < 64 ? 1ull << (length - 1) : 0;
+            if (f.readKind != dbc_detail::CanField::ReadInteger) f.signBit = 1ull << 63;
             const int sb = sig.startBit;
             const bool motorola = sig.byteOrder == Motorola;
             f.bigEndian = motorola ? 1 : 0;
@@ -147,7 +148,11 @@ void DBC_Decoder::build_codec() {
         c.end = c.fields + c.count;
         c.next = c.count != 0 ? c.fields : dbc_detail::no_field();
         c.slots = slots_.data() + c.slotFirst;
-        for (dbc_detail::CanField* f = c.fields; f != c.end; ++f) f->owner = &c;
+        for (dbc_detail::CanField* f = c.fields; f != c.end; ++f) {
+            f->owner = &c;
+            f->messageKey = c.key;
+            f->quick = f->key.care != 0 && c.key.care != 0;
+        }
     }
     codec_ready_ = true;
 }
@@ -161,24 +166,6 @@ CanField* no_field() {
         f.key.care = 1;
         f.key.length = UINT32_MAX;
         return f;
-    }();
-    return &none;
-}
-
-Hints no_hints() {
-    Hints h;
-    h.fill(no_field());
-    return h;
-}
-
-MessageCodec* no_codec() {
-    // The empty name (care 1) for the quick test, but it owns no signal.
-    static MessageCodec none = [] {
-        MessageCodec c{};
-        c.key.care = 1;
-        c.key.length = UINT32_MAX;
-        c.next = no_field();
-        return c;
     }();
     return &none;
 }

@@ -192,6 +192,7 @@ struct NameKey {
                       // included; 0 for a longer name or one that never matches
     uint32_t length;  // UINT32_MAX: no C string matches (the name holds a NUL, or
                       // an earlier record of the same list has the same name)
+    uint32_t ignore;  // ~care
     const char* name;  // the whole name
 };
 
@@ -207,6 +208,7 @@ inline NameKey make_key(const std::string& name, bool matchable) {
         std::memcpy(k.text, name.data(), name.size());
         k.care = static_cast<uint32_t>((2ull << name.size()) - 1);
     }
+    k.ignore = ~k.care;
     return k;
 }
 
@@ -239,6 +241,34 @@ DBC_NO_SANITIZE_WIDE_LOADS inline bool name_is_quick(const NameKey& k, const cha
     return (~equal & k.care) == 0;
 #else
     return name_is_slow(k, s);
+#endif
+}
+
+// True when the C strings `a` and `b` are certainly the names of the keys `ka` and
+// `kb`, false when they are not or when this test cannot tell (then `a` lies near the
+// start or end of its page, or is null). Both keys must have care != 0. Unlike `a`,
+// `b` is not checked: it must not be null and must lie at least 32 bytes before the
+// end of its page (wide_load_ok). The compiler must know nothing of the objects
+// behind `a` and `b` (see opaque). Both names are judged together, with one branch;
+// `a`, a message name, mostly fits in the first 16 bytes, and the test for that is
+// the same in every call for the same message.
+DBC_NO_SANITIZE_WIDE_LOADS inline bool both_names_quick(const NameKey& ka, const char* a, const NameKey& kb,
+                                                        const char* b) {
+#if DBC_WIDE_NAME_LOADS
+    if (!wide_load_ok(a)) return false;
+    auto equal16 = [](const char* s, const char* text) DBC_NO_SANITIZE_WIDE_LOADS {
+        return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)), _mm_load_si128(reinterpret_cast<const __m128i*>(text)))));
+    };
+    // A name of up to 15 bytes ignores the upper 16 bytes: they are not loaded.
+    const uint32_t ia = ka.ignore, ib = kb.ignore;
+    uint32_t ea = equal16(a, ka.text) | ia;
+    if (ia < 0xFFFF0000u) ea |= equal16(a + 16, ka.text + 16) << 16;
+    uint32_t eb = equal16(b, kb.text) | ib;
+    if (ib < 0xFFFF0000u) eb |= equal16(b + 16, kb.text + 16) << 16;
+    return (ea & eb) == UINT32_MAX;
+#else
+    return name_is_slow(ka, a) && name_is_slow(kb, b);
 #endif
 }
 

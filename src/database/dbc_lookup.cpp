@@ -64,8 +64,7 @@ void DBC_Decoder::invalidate_codec() {
     slots_.clear();
     codecs_.clear();
     last_message_ = -1;
-    last_codec_ = dbc_detail::no_codec();
-    hints_ = dbc_detail::no_hints();
+    hints_.fill(nullptr);
 }
 
 bool DBC_Decoder::getMessage(const std::string& name, DBC_MESSAGE** out) {
@@ -127,12 +126,8 @@ inline int DBC_Decoder::cached_message(const char* name) const {
         return dbc_detail::name_is(codecs_[s.a].key, name);
     });
     if (hit == nullptr) return -1;
-    const int m = static_cast<int>(hit->a);
-    last_message_ = m;
-    // The fast paths compare only names of up to 31 bytes.
-    const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(m)];
-    last_codec_ = c.key.care != 0 ? const_cast<dbc_detail::MessageCodec*>(&c) : dbc_detail::no_codec();
-    return m;
+    last_message_ = static_cast<int>(hit->a);
+    return last_message_;
 }
 
 inline int DBC_Decoder::cached_signal(int message, const char* name) const {
@@ -169,6 +164,10 @@ int DBC_Decoder::findSignal(int message, const char* name) const {
     return findSignal(message, std::string_view(name));
 }
 
+void DBC_Decoder::remember(const dbc_detail::CanField& f, const char* signalName) {
+    if (f.quick && dbc_detail::hint_slot_usable(signalName)) hints_[dbc_detail::hint_slot(signalName)] = &f;
+}
+
 int DBC_Decoder::set_signal_value_slow(const char* messageName, const char* signalName, double value) {
     if (!codec_ready_) reindex();
     if (messageName == nullptr || signalName == nullptr) return DBC_ERR_NOT_FOUND;
@@ -177,7 +176,7 @@ int DBC_Decoder::set_signal_value_slow(const char* messageName, const char* sign
     const int s = cached_signal(m, signalName);
     if (s < 0) return DBC_ERR_NOT_FOUND;
     const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(m)];
-    if (c.fields[s].key.care != 0) hints_[dbc_detail::hint_slot(signalName)] = &c.fields[s];
+    remember(c.fields[s], signalName);
     dbc_detail::store_physical(c.fields[s], c, value);
     return DBC_OK;
 }
@@ -190,7 +189,7 @@ int DBC_Decoder::get_signal_value_slow(const char* messageName, const char* sign
     const int s = cached_signal(m, signalName);
     if (s < 0) return DBC_ERR_NOT_FOUND;
     dbc_detail::CanField& f = codecs_[static_cast<size_t>(m)].fields[s];
-    if (f.key.care != 0) hints_[dbc_detail::hint_slot(signalName)] = &f;
+    remember(f, signalName);
     *value = dbc_detail::read_physical(f);
     return DBC_OK;
 }

@@ -133,6 +133,75 @@ TEST(DbcLookupNames, NamesAtPageEdgesAndPrefixesOfNames) {
     EXPECT_EQ(db->setSignalValue("Msg", nullptr, 1), DBC_ERR_NOT_FOUND);
 }
 
+TEST(DbcLookupNames, NameStringsAtEveryOffsetNearAPageEnd) {
+    auto db = parse(
+        "BO_ 1 Message: 8 N\n"
+        " SG_ Signal_name_of_22_bytes : 0|8@1+ (1,0) [0|255] \"\" N\n"
+        " SG_ S : 8|8@1+ (1,0) [0|255] \"\" N\n");
+    PageEdge msg_page, sig_page;
+    char* const msg_end = const_cast<char*>(msg_page.at_end(""));
+    char* const sig_end = const_cast<char*>(sig_page.at_end(""));
+    const char* const sigs[] = {"Signal_name_of_22_bytes", "S"};
+    // Each string ends anywhere from its page's last byte to 60 bytes before it, and
+    // the two strings lie at different distances; three calls each, so that later
+    // calls go through what the first remembered.
+    for (size_t back = 0; back < 60; ++back) {
+        for (int k = 0; k < 2; ++k) {
+            const size_t len = std::strlen(sigs[k]);
+            char* m = msg_end - 7 - (back * 7) % 60;
+            char* s = sig_end - len - back;
+            std::memcpy(m, "Message", 8);
+            std::memcpy(s, sigs[k], len + 1);
+            for (int i = 0; i < 3; ++i) {
+                const double want = static_cast<double>((back * 3 + static_cast<size_t>(i)) % 256);
+                ASSERT_EQ(db->setSignalValue(m, s, want), 0) << sigs[k] << " back " << back;
+                double v = -1;
+                ASSERT_EQ(db->getSignalValue(m, s, &v), 0) << sigs[k] << " back " << back;
+                EXPECT_EQ(v, want);
+            }
+            s[len - 1] ^= 1;  // the same address, another name
+            double v = -1;
+            EXPECT_EQ(db->getSignalValue(m, s, &v), DBC_ERR_NOT_FOUND) << sigs[k] << " back " << back;
+        }
+    }
+}
+
+// The signal remembered for a name string belongs to one message; a call naming
+// another message, however alike, must not reach it.
+TEST(DbcLookupNames, RememberedSignalsAnswerOnlyForTheirMessage) {
+    const std::string long_name(40, 'L');
+    auto db = parse(
+        "BO_ 1 ACC_1: 8 N\n SG_ S : 0|8@1+ (1,0) [0|255] \"\" N\n"
+        "BO_ 2 ACC_13: 8 N\n SG_ S : 0|8@1+ (1,0) [0|255] \"\" N\n"
+        "BO_ 3 ACC_130000000000000: 8 N\n SG_ S : 0|8@1+ (1,0) [0|255] \"\" N\n"
+        "BO_ 4 " + long_name + ": 8 N\n SG_ S : 0|8@1+ (1,0) [0|255] \"\" N\n"
+        "BO_ 5 ACC_1: 8 N\n SG_ S : 0|8@1+ (1,0) [0|255] \"\" N\n");
+    const char* const names[] = {"ACC_1", "ACC_13", "ACC_130000000000000", long_name.c_str()};
+    char buf[64];
+    for (int round = 0; round < 4; ++round) {
+        for (int m = 0; m < 4; ++m) {
+            std::strcpy(buf, names[m]);  // one message buffer for every name
+            ASSERT_EQ(db->setSignalValue(buf, "S", 10 * round + m), 0) << names[m];
+        }
+        for (int m = 3; m >= 0; --m) {
+            std::strcpy(buf, names[m]);
+            double v = -1;
+            ASSERT_EQ(db->getSignalValue(buf, "S", &v), 0) << names[m];
+            EXPECT_EQ(v, 10 * round + m) << names[m];
+        }
+        double v = -1;
+        EXPECT_EQ(db->getSignalValue("ACC_", "S", &v), DBC_ERR_NOT_FOUND);
+        EXPECT_EQ(db->getSignalValue("ACC_131", "S", &v), DBC_ERR_NOT_FOUND);
+        EXPECT_EQ(db->getSignalValue("ACC_1300000000000000", "S", &v), DBC_ERR_NOT_FOUND);
+    }
+    EXPECT_EQ(db->messages[4].signals[0].rawValue, 0u);  // the later ACC_1 is never reached
+    // Rebuilt tables: what was remembered is forgotten, the values stay.
+    db->reindex();
+    double v = -1;
+    ASSERT_EQ(db->getSignalValue("ACC_13", "S", &v), 0);
+    EXPECT_EQ(v, 31);
+}
+
 TEST(DbcLookupNames, OneBufferForEveryNameAndStringsSharingAMemorySlot) {
     auto db = parse(
         "BO_ 1 M: 8 N\n"
