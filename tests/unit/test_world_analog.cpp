@@ -2,6 +2,8 @@
 // with and where, and that the shipped analog worlds are accepted.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "world.h"
@@ -157,6 +159,21 @@ counter = "bench:3"
 )";
     try {
         EXPECT_EQ(parse_world(std::string(kAdapters) + tables, "/tmp/analog.toml").adapter_count(), 3u);
+    } catch (const WorldError& e) {
+        ADD_FAILURE() << e.what();
+    }
+    // The worked example on the world-file page.
+    std::ifstream page(std::string(POLYBUS_SOURCE_DIR) + "/docs/world-files.md");
+    std::stringstream text;
+    text << page.rdbuf();
+    const std::string doc = text.str();
+    const size_t section = doc.find("### `[[adc_input]]`");
+    ASSERT_NE(section, std::string::npos);
+    const size_t begin = doc.find("```toml\n", section);
+    ASSERT_NE(begin, std::string::npos);
+    const size_t end = doc.find("```", begin + 8);
+    try {
+        EXPECT_EQ(parse_world(doc.substr(begin + 8, end - begin - 8), "/tmp/doc.toml").adapter_count(), 1u);
     } catch (const WorldError& e) {
         ADD_FAILURE() << e.what();
     }
