@@ -67,7 +67,7 @@ public:
 
 std::unique_ptr<Piece> read_input(Table& t, Context& ctx) {
     auto piece = std::make_unique<InputPiece>();
-    const auto spec = world::find_channel(t, ctx, t.required("input"), "ADC inputs", 8, piece->adapter, piece->input);
+    const auto declared = world::find_channel(t, ctx, t.required("input"), "ADC inputs", 8, piece->adapter, piece->input);
     const std::string key = piece->adapter + ":" + std::to_string(piece->input);
     t.rename("adc_input '" + key + "'");
     if (ctx.find<int>("adc_input", key)) t.fail_at("input", "input " + key + " is given twice");
@@ -97,7 +97,7 @@ std::unique_ptr<Piece> read_input(Table& t, Context& ctx) {
         s.kind = AnalogSignal::Kind::Dac;
     } else if (kind == "pwm") {
         s.kind = AnalogSignal::Kind::PwmAverage;
-        s.source = read_pwm_channel(t, "pwm", *spec);
+        s.source = read_pwm_channel(t, "pwm", *declared);
         s.full_scale = read_code(t, "full_scale", kFullScale);
     } else {
         t.fail_at("signal", "'signal' must be \"constant\", \"sine\", \"ramp\", \"noise\", \"dac\" or \"pwm\"");
@@ -134,13 +134,13 @@ public:
 std::unique_ptr<Piece> read_capture(Table& t, Context& ctx) {
     auto piece = std::make_unique<CapturePiece>();
     int input = 0;
-    const auto spec = world::find_channel(t, ctx, t.required("input"), "capture inputs", 4, piece->adapter, input);
+    const auto declared = world::find_channel(t, ctx, t.required("input"), "capture inputs", 4, piece->adapter, input);
     const std::string key = piece->adapter + ":" + std::to_string(input);
     t.rename("pwm_capture '" + key + "'");
     if (ctx.find<int>("pwm_capture", key)) t.fail_at("input", "capture input " + key + " is given twice");
     ctx.declare("pwm_capture", key, std::make_shared<int>(input));
     piece->wiring = wiring_of<PwmWiring>(ctx, "pwm_wiring", piece->adapter);
-    piece->wiring->capture_source[input] = t.has("pwm") ? read_pwm_channel(t, "pwm", *spec) : -1;
+    piece->wiring->capture_source[input] = t.has("pwm") ? read_pwm_channel(t, "pwm", *declared) : -1;
     return piece;
 }
 
@@ -159,14 +159,14 @@ public:
 std::unique_ptr<Piece> read_counter(Table& t, Context& ctx) {
     auto piece = std::make_unique<CounterPiece>();
     int counter = 0;
-    const auto spec = world::find_channel(t, ctx, t.required("counter"), "counters", 4, piece->adapter, counter);
+    const auto declared = world::find_channel(t, ctx, t.required("counter"), "counters", 4, piece->adapter, counter);
     const std::string key = piece->adapter + ":" + std::to_string(counter);
     t.rename("counter_input '" + key + "'");
     if (ctx.find<int>("counter_input", key)) t.fail_at("counter", "counter " + key + " is given twice");
     ctx.declare("counter_input", key, std::make_shared<int>(counter));
     if (t.has("pwm") && t.has("gpio_pin")) t.fail_at("gpio_pin", "a counter counts a PWM output or a GPIO pin, not both");
     piece->wiring = wiring_of<CounterWiring>(ctx, "counter_wiring", piece->adapter);
-    piece->wiring->pwm_source[counter] = t.has("pwm") ? read_pwm_channel(t, "pwm", *spec) : -1;
+    piece->wiring->pwm_source[counter] = t.has("pwm") ? read_pwm_channel(t, "pwm", *declared) : -1;
     piece->wiring->gpio_pin[counter] = t.has("gpio_pin") ? int(t.integer_in("gpio_pin", 0, 31)) : -1;
     return piece;
 }
