@@ -77,7 +77,10 @@ void counting_inputs(AdcModel& adc) {
     AdcConfig c;
     for (auto& in : c.inputs) {
         in.kind = AnalogSignal::Kind::Ramp;
-        in.level = 0;
+        // The stream starts at a whole microsecond, which puts the ramp's fraction on a
+        // multiple of 0.05 codes; on 0.5 rounding would tie and the data would seem to
+        // jump. This offset keeps every sample clear of a tie.
+        in.level = 0.025;
         in.amplitude = 4000;
         in.frequency_hz = kRate / 4000.0;
     }
