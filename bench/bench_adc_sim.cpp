@@ -7,9 +7,12 @@
 //    the adapter completing it. Both ends stamp on the adapter's clock: the adapter
 //    the instant the frame's last sample was taken, the callback on entry; a late
 //    wake-up of the simulated adapter counts against the target too.
-// The process pins itself to one CPU (POLYBUS_SIM_PIN_CPU=auto unless set): wake-ups
-// between the simulated adapter and libusb across CPUs cost milliseconds on a busy
-// virtual machine, which is the simulation's cost, not the library's.
+// The process pins itself to one CPU (POLYBUS_SIM_PIN_CPU=auto unless set) for list
+// mode: wake-ups between the simulated adapter and libusb across CPUs cost
+// milliseconds on a busy virtual machine, which is the simulation's cost, not the
+// library's. Callback mode runs unpinned unless a CPU was named (see
+// unpin_all_threads()).
+#include <sched.h>
 #include <dirent.h>
 
 #include <algorithm>
@@ -160,6 +163,22 @@ double percentile(const std::vector<double>& sorted, double p) {
     return sorted[std::min(sorted.size() - 1, size_t(p * double(sorted.size())))];
 }
 
+// Lets every thread of the process run on any CPU again. The pin helps list mode's
+// throughput, but a frame's way to the callback is four wake-ups in a row (adapter
+// thread, reader, usbfs handler, reader), and on one shared CPU each waits behind
+// whatever else runs there: measured on the same machine, pinned runs had several
+// times the late frames of unpinned ones, nearly all on the host side.
+void unpin_all_threads() {
+    cpu_set_t all;
+    CPU_ZERO(&all);
+    for (long c = 0; c < sysconf(_SC_NPROCESSORS_ONLN) && c < CPU_SETSIZE; ++c) CPU_SET(int(c), &all);
+    DIR* d = opendir("/proc/self/task");
+    if (d == nullptr) return;
+    while (dirent* e = readdir(d))
+        if (e->d_name[0] != '.') sched_setaffinity(pid_t(std::atoi(e->d_name)), sizeof all, &all);
+    closedir(d);
+}
+
 bool callback_mode(int dev, std::shared_ptr<Adapter> adapter, AdcModel& adc, double seconds) {
     Arrivals arrivals;
     arrivals.adapter = adapter;
@@ -272,6 +291,7 @@ int main(int argc, char** argv) {
         std::printf("load average %s on %ld CPUs\n", one.c_str(), sysconf(_SC_NPROCESSORS_ONLN));
     }
     const bool list_ok = list_mode(dev, adc);
+    if (std::strcmp(getenv("POLYBUS_SIM_PIN_CPU"), "auto") == 0) unpin_all_threads();  // not a pin asked for
     const bool callback_ok = callback_mode(dev, adapter, adc, 5.0);
     USB_CloseDevice(dev);
     Simulator::instance().remove_all();
