@@ -1,7 +1,9 @@
 /* A small scope: streams ADC inputs 0 and 1 for one second and prints the minimum,
  * maximum and mean of each. Frames wait in the library's frame list; the program drains
- * it every 50 ms with ADC_GetData.
- * Run it against a simulated adapter with:  build/polybus-sim -- build/adc-scope */
+ * it every 50 ms with ADC_GetData. Exits 1 when streaming fails or an input got less
+ * than half a second's worth of samples.
+ * Run it against a simulated adapter whose inputs carry a sine and a ramp with:
+ *   build/polybus-sim --world examples/worlds/adc_scope.toml -- build/adc-scope */
 #include <stdio.h>
 #include <time.h>
 
@@ -27,6 +29,7 @@ int main(void) {
     double sum[INPUTS] = {0, 0};
     int min[INPUTS] = {65535, 65535}, max[INPUTS] = {-1, -1};
     long taken = 0;
+    int failed = 0;
 
     if (USB_ScanDevice(handles) < 1) {
         printf("no adapter found\n");
@@ -64,12 +67,13 @@ int main(void) {
 
     printf("ADC: %ld samples from inputs 0 and 1 at %u samples/s each\n", taken, RATE_HZ);
     for (i = 0; i < INPUTS; ++i) {
-        if (count[i] == 0) {
-            printf("input %d: no samples\n", i);
-            continue;
+        if (count[i] < (long)(RATE_HZ / 2)) {
+            printf("input %d: only %ld samples\n", i, count[i]);
+            failed = 1;
         }
+        if (count[i] == 0) continue;
         printf("input %d: min %4d  max %4d  mean %7.1f  (%.3f V .. %.3f V)\n", i, min[i], max[i], sum[i] / count[i],
                min[i] * 3.3 / 4095, max[i] * 3.3 / 4095);
     }
-    return 0;
+    return failed;
 }

@@ -38,6 +38,9 @@
  *  - A reader thread that ended on its own (unplug) is joined by the next start,
  *    stop, ADC_WaitForThreadExit, or at unload.
  *  - The reader never frees its transfer while the transfer is still in flight.
+ *  - The reader thread asks the scheduler for its shortest time slice (Linux 6.12 and
+ *    later; refused quietly before), keeping its niceness, so that on a busy machine
+ *    it runs as soon as a frame arrives.
  *  - A stream that ended on a transfer error keeps its reader waiting for the stop,
  *    but an unplug noticed then ends the reader as an unplug during streaming does.
  *  - Frames the list drops (at unload) are freed whole, node and buffer.

@@ -163,6 +163,7 @@ void AdcModel::start_stream(Stream s) {
     std::lock_guard<std::mutex> g(stream_mutex_);
     streaming_ = true;
     frame_times_.clear();
+    queue_times_.clear();
     frames_sent_ = 0;
     const uint64_t gen = ++generation_;
     streamer_ = std::thread([this, s, gen] { stream_main(s, gen); });
@@ -182,11 +183,15 @@ void AdcModel::end_stream() {
 
 void AdcModel::stream_main(Stream s, uint64_t generation) {
     pthread_setname_np(pthread_self(), "sim-adc-stream");
+    // It sleeps until each frame's last instant and must send the frame at once.
+    request_short_slices();
     const auto inputs = inputs_of(s.mask);
     const size_t nch = inputs.size();
     const double step_us = 1e6 / s.rate;
-    const double t0 = double(adapter_.clock_us());
+    // Sample instants and the wake-ups that send each frame count from the same
+    // moment on the adapter's clock (steady_clock based, like wall0).
     const auto wall0 = std::chrono::steady_clock::now();
+    const double t0 = double(adapter_.clock_us());
     long config_short;
     {
         std::lock_guard<std::mutex> g(signal_mutex_);
@@ -219,8 +224,13 @@ void AdcModel::stream_main(Stream s, uint64_t generation) {
             streaming_ = false;
             return;
         }
+        // The moment the frame's last sample was taken, not when this thread got round
+        // to sending it: a late wake-up here is part of the frame's delay.
+        if (frame_times_.size() < kFrameTimesKept) {
+            frame_times_.push_back(uint64_t(t0 + done_us));
+            queue_times_.push_back(adapter_.clock_us());
+        }
         UsbHost::instance().queue_in(port, {std::move(out)});
-        if (frame_times_.size() < kFrameTimesKept) frame_times_.push_back(adapter_.clock_us());
         ++frames_sent_;
     }
 }
@@ -236,6 +246,10 @@ int AdcModel::stop_requests() {
 std::vector<uint64_t> AdcModel::frame_times() {
     std::lock_guard<std::mutex> g(stream_mutex_);
     return frame_times_;
+}
+std::vector<uint64_t> AdcModel::queue_times() {
+    std::lock_guard<std::mutex> g(stream_mutex_);
+    return queue_times_;
 }
 uint64_t AdcModel::frames_sent() {
     std::lock_guard<std::mutex> g(stream_mutex_);

@@ -49,8 +49,12 @@ public:
 
     bool streaming();
     int stop_requests();
-    // Frames queued so far in this stream and the adapter time (us) each was queued.
+    // For each frame queued so far in this stream, the adapter time (us, clock_us())
+    // at which its last sample was taken: the earliest it could have been sent.
     std::vector<uint64_t> frame_times();
+    // And when each was handed to the bus (adapter time, us): the gap to frame_times()
+    // is the simulated firmware's own lateness.
+    std::vector<uint64_t> queue_times();
     uint64_t frames_sent();
     void reset() override;
 
@@ -79,7 +83,7 @@ private:
     uint64_t generation_ = 0;  // a stream runs while its generation is current
     bool streaming_ = false;
     int stop_requests_ = 0;
-    std::vector<uint64_t> frame_times_;
+    std::vector<uint64_t> frame_times_, queue_times_;
     uint64_t frames_sent_ = 0;
 };
 

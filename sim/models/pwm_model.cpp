@@ -121,11 +121,21 @@ void PwmModel::store(const Frame& f, size_t offset, uint16_t Output::*field) {
         if (mask & (1u << i)) out_[i].*field = f.be16(offset + 2 * i);
 }
 
-int PwmModel::index_of_channel(int n) const {
-    if (n < 0 || n >= 8 || first_bit_ == 0) return -1;
-    const unsigned bit = (unsigned{first_bit_} << n) & 0xFF;
+namespace {
+int index_from_first_bit(uint8_t first_bit, int n) {
+    if (n < 0 || n >= 8 || first_bit == 0) return -1;
+    const unsigned bit = (unsigned{first_bit} << n) & 0xFF;
     for (int i = 0; i < 8; ++i)
         if (bit & (1u << i)) return i;
+    return -1;
+}
+}  // namespace
+
+int PwmModel::index_of_channel(int n) const { return index_from_first_bit(first_bit_, n); }
+
+int PwmModel::index_of_channel(uint32_t identifier, int n) {
+    for (const Timer& t : kTimers)
+        if (t.model == uint8_t(identifier >> 24)) return index_from_first_bit(t.first_bit, n);
     return -1;
 }
 

@@ -42,6 +42,9 @@ public:
     uint32_t clock_hz() const { return clock_hz_; }
     // Array index of the model's PWM channel n, or -1.
     int index_of_channel(int n) const;
+    // The same for an adapter not built yet, from its identifier (world files check
+    // their wiring before any adapter exists).
+    static int index_of_channel(uint32_t identifier, int n);
 
     // Output seen from the outside at adapter time t_us (adapter_.clock_us()).
     bool running(int index, uint64_t t_us);

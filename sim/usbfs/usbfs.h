@@ -131,4 +131,10 @@ private:
 // inherited (libusb does not support that either).
 void ensure_preloaded(int argc, char** argv);
 
+// Asks the scheduler to let the calling thread preempt busy threads as soon as it
+// wakes (a short slice of the fair scheduler, Linux 6.12 on; refused quietly before).
+// For the simulator's threads that must answer at an instant: the usbfs handler and
+// streaming models. Keeps the thread's niceness.
+void request_short_slices();
+
 }  // namespace polybus_sim
