@@ -267,6 +267,19 @@ void bench_codec() {
     if (sink == 12345.678) std::printf(" ");
 }
 
+// Loads DBC text through the exported opener, as an application's file would be;
+// 0 when the temporary file cannot be written or the text does not load.
+uint64_t load_text(const std::string& text) {
+    char path[] = "/tmp/polybus_bench_dbc_XXXXXX";
+    const int fd = ::mkstemp(path);
+    if (fd < 0) return 0;
+    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ::close(fd);
+    const uint64_t db = written ? DBC_ParserFile(static_cast<int>(kFakeDevice), path) : 0;
+    ::unlink(path);
+    return db;
+}
+
 // vw_mqb.dbc followed by `extra` messages of a few signals each, loaded through the
 // exported opener: ACC_13 then sits among thousands of messages.
 uint64_t large_vw_database(int extra) {
@@ -289,14 +302,7 @@ uint64_t large_vw_database(int extra) {
             text += line;
         }
     }
-    char tmp[] = "/tmp/polybus_bench_dbc_XXXXXX";
-    const int fd = ::mkstemp(tmp);
-    if (fd < 0) return 0;
-    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    ::close(fd);
-    const uint64_t db = written ? DBC_ParserFile(static_cast<int>(kFakeDevice), tmp) : 0;
-    ::unlink(tmp);
-    return db;
+    return load_text(text);
 }
 
 void bench_reads() {
@@ -333,14 +339,7 @@ uint64_t synthetic_database(int count) {
         text += line;
         text += " SG_ Sig : 0|16@1+ (1,0) [0|65535] \"\" N\n";
     }
-    char path[] = "/tmp/polybus_bench_dbc_XXXXXX";
-    const int fd = ::mkstemp(path);
-    if (fd < 0) return 0;
-    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    ::close(fd);
-    const uint64_t db = written ? DBC_ParserFile(static_cast<int>(kFakeDevice), path) : 0;
-    ::unlink(path);
-    return db;
+    return load_text(text);
 }
 
 // Look-ups by name and by identifier of the same 64 messages, the last ones of the
