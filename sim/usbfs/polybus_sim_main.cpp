@@ -85,7 +85,9 @@ int main(int argc, char** argv) {
         usage(stderr);
         return 2;
     }
-    std::string preload = "libumockdev-preload.so.0 " + own_directory() + "/libpolybus-sim-preload.so";
+    // Ours first: its ioctl answers the simulated adapters' requests in the calling
+    // thread and hands everything else on to umockdev's.
+    std::string preload = own_directory() + "/libpolybus-sim-preload.so libumockdev-preload.so.0";
     if (const char* old = std::getenv("LD_PRELOAD"); old && *old) preload = std::string(old) + " " + preload;
     if (!world_file.empty()) {
         if (!ids.empty() || count_given) {

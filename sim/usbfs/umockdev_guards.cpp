@@ -23,7 +23,9 @@
 //    setcontext) while fully blocked would be misjudged, which none of the
 //    fully blocked threads of a simulator process does.
 // 3. The preload calls usleep(0) after each forwarded ioctl (see usleep below).
-// 4. fork(): a child inherits the preload's locks in whatever state other threads
+// 4. The ioctl path itself (see ioctl below): the simulator answers usbfs ioctls on
+//    its own nodes in the calling thread instead of through umockdev's socket.
+// 5. fork(): a child inherits the preload's locks in whatever state other threads
 //    held them, and its first wrapped call (an open, a stat) then waits forever,
 //    with every signal blocked because the preload blocks them before it locks.
 //    A pthread_atfork handler holds both locks across fork().
@@ -38,12 +40,16 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <linux/ioctl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
 #include <cstring>
 
@@ -240,4 +246,85 @@ extern "C" __attribute__((visibility("default"))) int usleep(useconds_t usec) {
     if (usec == 0) return 0;
     timespec ts{static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};
     return nanosleep(&ts, nullptr);
+}
+
+// ---------------------------------------------------------------------------------
+// The in-thread ioctl path.
+//
+// umockdev forwards every ioctl on an emulated node over a socket to its handler
+// thread and back: two thread wake-ups per ioctl, nine ioctls per command exchange,
+// and on a busy virtual machine each wake-up can cost a scheduling delay. The
+// simulator lives in the very process that makes the ioctl, so it can answer in the
+// calling thread. This ioctl, exported from the program (or the launcher's preload,
+// which comes before umockdev's), offers every usbfs request to the hook the
+// simulator installs; whatever the hook does not claim goes on to umockdev's ioctl
+// and from there to the kernel. close() tells the simulator that a descriptor it
+// answered for has gone, so that a reused number is never mistaken for it.
+
+namespace {
+
+std::atomic<polybus_sim_ioctl_hook> g_ioctl_hook{nullptr};
+std::atomic<polybus_sim_close_hook> g_close_hook{nullptr};
+
+// Descriptors the close hook must hear about; larger numbers always reach it.
+constexpr int kWatched = 4096;
+std::atomic<bool> g_watched[kWatched];
+
+template <typename Fn>
+Fn next_symbol(const char* name, std::atomic<Fn>& cache) {
+    Fn f = cache.load(std::memory_order_acquire);
+    if (!f) {
+        f = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+        cache.store(f, std::memory_order_release);
+    }
+    return f;
+}
+
+using IoctlFn = int (*)(int, unsigned long, void*);
+using CloseFn = int (*)(int);
+std::atomic<IoctlFn> g_real_ioctl{nullptr};
+std::atomic<CloseFn> g_real_close{nullptr};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) void polybus_sim_set_ioctl_hooks(polybus_sim_ioctl_hook on_ioctl,
+                                                                                   polybus_sim_close_hook on_close) {
+    g_close_hook.store(on_close, std::memory_order_release);
+    g_ioctl_hook.store(on_ioctl, std::memory_order_release);
+}
+
+extern "C" __attribute__((visibility("default"))) void polybus_sim_watch_close(int fd) {
+    if (fd >= 0 && fd < kWatched) g_watched[fd].store(true, std::memory_order_release);
+}
+
+extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, ...) {
+    va_list ap;
+    va_start(ap, request);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    if (_IOC_TYPE(request) == 'U') {
+        if (polybus_sim_ioctl_hook hook = g_ioctl_hook.load(std::memory_order_acquire)) {
+            int result;
+            if (hook(fd, request, arg, &result)) return result;
+        }
+    }
+    IoctlFn real = next_symbol("ioctl", g_real_ioctl);
+    if (!real) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return real(fd, request, arg);
+}
+
+extern "C" __attribute__((visibility("default"))) int close(int fd) {
+    if (fd >= kWatched || (fd >= 0 && g_watched[fd].load(std::memory_order_relaxed) &&
+                           g_watched[fd].exchange(false, std::memory_order_acq_rel))) {
+        if (polybus_sim_close_hook hook = g_close_hook.load(std::memory_order_acquire)) hook(fd);
+    }
+    CloseFn real = next_symbol("close", g_real_close);
+    if (!real) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return real(fd);
 }

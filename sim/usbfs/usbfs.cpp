@@ -1,14 +1,16 @@
 // usbfs emulation behind umockdev: see usbfs.h for the model's view.
 //
-// How a URB travels: umockdev hands us each ioctl of a client (one open fd) on its
-// worker thread, the "handler thread". SUBMITURB keeps a reference to the client's
-// struct usbdevfs_urb and completes at once. Control and OUT URBs are answered by
-// the model right there and go to the device's `done` list; IN URBs wait in
-// `pending_in` until queue_in() data matches them. REAPURBNDELAY then copies
-// status, length and IN bytes into the URB and points the client's reap argument
-// at it. Touching client memory is only allowed while that client sits in an ioctl
-// on the handler thread, so queue_in() from other threads only records bytes; the
-// copy happens at reap time. See ClientMem for the two ways client memory is reached.
+// How a URB travels: each ioctl of a client (one open fd) reaches us either in the
+// client's own thread (the in-thread path, see fast_ioctl) or on umockdev's worker
+// thread, the "handler thread", after a trip over umockdev's socket. SUBMITURB
+// keeps a reference to the client's struct usbdevfs_urb and completes at once.
+// Control and OUT URBs are answered by the model right there and go to the
+// device's `done` list; IN URBs wait in `pending_in` until queue_in() data matches
+// them. REAPURBNDELAY then copies status, length and IN bytes into the URB and
+// points the client's reap argument at it. Touching client memory is only allowed
+// while that client sits in an ioctl, so queue_in() from other threads only
+// records bytes; the copy happens at reap time. See ClientMem for the ways client
+// memory is reached.
 
 #include "usbfs.h"
 
@@ -21,6 +23,7 @@
 #include <linux/usb/ch9.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -39,6 +42,7 @@
 #include <sys/syscall.h>
 #include <sys/stat.h>
 #include <fcntl.h>
+#include <thread>
 #include <time.h>
 #include <unistd.h>
 
@@ -87,6 +91,21 @@ UMockdevIoctlData* resolve(UMockdevIoctlData* parent, size_t offset, size_t len)
 // by UsbHost() before any ioctl arrives.
 bool g_direct_access = true;
 
+// An ioctl's third argument, as umockdev forwarded it or, on the in-thread path
+// (see fast_ioctl), as the program passed it.
+struct Arg {
+    UMockdevIoctlData* data = nullptr;  // forwarded by umockdev
+    void* value = nullptr;              // passed in this thread (data is null)
+
+    // The argument itself: a pointer, or a number such as DISCARDURB's URB address.
+    void* raw() const {
+        if (!data) return value;
+        void* v;
+        std::memcpy(&v, data->data, sizeof v);
+        return v;
+    }
+};
+
 // A block of the client's memory that an ioctl argument leads to.
 //
 // umockdev's own way copies each block over the client's socket: one round trip
@@ -120,11 +139,11 @@ public:
     }
 
     // The `len` bytes the ioctl's pointer argument points to.
-    static ClientMem of_arg(UMockdevIoctlData* arg, size_t len) {
+    static ClientMem of_arg(const Arg& arg, size_t len) {
         ClientMem m;
-        if (g_direct_access) {
-            std::memcpy(&m.bytes_, arg->data, sizeof m.bytes_);
-        } else if ((m.data_ = resolve(arg, 0, len))) {
+        if (g_direct_access || !arg.data) {
+            m.bytes_ = static_cast<uint8_t*>(arg.raw());
+        } else if ((m.data_ = resolve(arg.data, 0, len))) {
             m.bytes_ = m.data_->data;
         }
         return m;
@@ -132,8 +151,8 @@ public:
     // The `len` bytes the pointer at `offset` of this block points to.
     ClientMem at(size_t offset, size_t len) const {
         ClientMem m;
-        if (g_direct_access) {
-            std::memcpy(&m.bytes_, bytes_ + offset, sizeof m.bytes_);
+        if (!data_) {
+            if (bytes_) std::memcpy(&m.bytes_, bytes_ + offset, sizeof m.bytes_);
         } else if ((m.data_ = resolve(data_, offset, len))) {
             m.bytes_ = m.data_->data;
         }
@@ -141,15 +160,15 @@ public:
     }
     // Points the pointer at `offset` of this block at `target` (reaping).
     void set_ptr(size_t offset, const ClientMem& target) const {
-        if (g_direct_access) {
-            std::memcpy(bytes_ + offset, &target.bytes_, sizeof target.bytes_);
+        if (!data_) {
+            if (bytes_) std::memcpy(bytes_ + offset, &target.bytes_, sizeof target.bytes_);
         } else {
             umockdev_ioctl_data_set_ptr(data_, offset, target.data_);
         }
     }
     // The block's address in the client (what DISCARDURB names a URB by).
     unsigned long client_addr() const {
-        return g_direct_access ? reinterpret_cast<unsigned long>(bytes_) : data_ ? data_->client_addr : 0;
+        return data_ ? data_->client_addr : reinterpret_cast<unsigned long>(bytes_);
     }
     uint8_t* bytes() const { return bytes_; }
     explicit operator bool() const { return bytes_ != nullptr; }
@@ -161,7 +180,7 @@ private:
 
 // Reads a fixed-size argument the ioctl passes by pointer.
 template <typename T>
-bool read_arg(UMockdevIoctlData* arg, T* out) {
+bool read_arg(const Arg& arg, T* out) {
     ClientMem m = ClientMem::of_arg(arg, sizeof(T));
     if (!m) return false;
     std::memcpy(out, m.bytes(), sizeof(T));
@@ -217,7 +236,9 @@ struct Device {
     std::deque<UrbPtr> pending_in;
     std::deque<UrbPtr> unanswered;  // control requests the model left open
     std::deque<UrbPtr> done;
-    std::map<UMockdevIoctlClient*, std::unique_ptr<Client>> clients;
+    // By umockdev's client object, or by fast_client_key() for a descriptor whose
+    // ioctls are answered in the program's own thread.
+    std::map<const void*, std::unique_ptr<Client>> clients;
 
     // The device node is a FIFO we keep full while nothing is reapable: libusb
     // polls usbfs fds for POLLOUT, and on umockdev's regular-file node that is
@@ -372,10 +393,37 @@ struct UsbHost::Impl {
     // Handler-thread side.
     static gboolean on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user);
     static void on_client_gone(gpointer user, GObject* where_the_client_was);
-    Result handle(Device& d, UMockdevIoctlClient* client);
-    Client* client_record(Device& d, UMockdevIoctlClient* c);
-    Result submit(Device& d, Client* cl, UMockdevIoctlData* arg);
-    Result reap(Device& d, Client* cl, UMockdevIoctlData* arg);
+    // Answers one ioctl; the caller holds callback_mu (and not mu).
+    Result handle(Device& d, Client* cl, unsigned int req, const Arg& arg);
+    Client* client_record(Device& d, const void* key);
+    static void drop_client(Device& d, const void* key);
+
+    // One model callback at a time, whichever way the ioctl came in: models are
+    // written for a single caller.
+    std::mutex callback_mu;
+
+    // The in-thread path (fast_ioctl, fast_close). Guarded by mu.
+    struct FastFd {
+        DevicePtr dev;
+        dev_t node_dev;
+        ino_t node_ino;
+    };
+    std::map<int, FastFd> fast_fds;                              // the program's open nodes
+    std::map<std::pair<dev_t, ino_t>, std::weak_ptr<Device>> nodes;  // FIFO node -> device
+    std::atomic<int> fast_fd_count{0};
+    bool fast_device(int fd, DevicePtr& d, Client*& cl, bool& gone);
+    bool fast(int fd, unsigned long req, void* arg, int* result);
+    void fast_closed(int fd);
+
+    // Deferred work asked for outside any ioctl, run in order on a thread of its own
+    // (started on first use): the caller may hold locks the work needs.
+    std::mutex later_mu;
+    std::condition_variable later_cv;
+    std::deque<std::function<void()>> later;
+    bool later_thread = false;
+    void run_later(std::function<void()> fn);
+    Result submit(Device& d, Client* cl, const Arg& arg);
+    Result reap(Device& d, Client* cl, const Arg& arg);
     int standard_request(Device& d, const ControlSetup& s, uint8_t* data);
     int control(Device& d, const ControlSetup& s, uint8_t* data);
     static void match_in(Device& d);
@@ -416,8 +464,29 @@ gboolean UsbHost::Impl::on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client
         if (!host.worker_ctx.compare_exchange_strong(expected, ctx)) g_main_context_unref(ctx);
     }
     host.ioctls.fetch_add(1, std::memory_order_relaxed);
-    // Completing may run umockdev's callbacks (even ours) at once: never under our lock.
-    Result r = host.handle(d, client);
+    Result r;
+    {
+        std::lock_guard<std::mutex> cb(host.callback_mu);
+        Client* cl;
+        bool gone;
+        {
+            std::lock_guard<std::mutex> lk(host.mu);
+            if (!d.clients.count(client)) {
+                // Not a strong reference: its release is how we learn about the close.
+                g_object_weak_ref(G_OBJECT(client), on_client_gone, &d);
+            }
+            cl = host.client_record(d, client);
+            gone = d.gone;
+        }
+        const auto req = static_cast<unsigned int>(umockdev_ioctl_client_get_request(client));
+        // After an unplug only reaping still works (libusb relies on
+        // USBDEVFS_CAP_REAP_AFTER_DISCONNECT to collect the failed URBs).
+        if (gone && req != USBDEVFS_REAPURBNDELAY && req != USBDEVFS_REAPURB)
+            r = fail(ENODEV);
+        else
+            r = host.handle(d, cl, req, Arg{umockdev_ioctl_client_get_arg(client), nullptr});
+    }
+    // Completing may run umockdev's callbacks (even ours) at once: never under our locks.
     umockdev_ioctl_client_complete(client, r.res, r.err);
     return TRUE;
 }
@@ -427,10 +496,15 @@ gboolean UsbHost::Impl::on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client
 // URBs and claims.
 void UsbHost::Impl::on_client_gone(gpointer user, GObject* where_the_client_was) {
     Device& d = *static_cast<Device*>(user);
-    std::unique_ptr<Client> rec;
-    std::vector<UrbPtr> dropped;  // destroyed outside the lock
     std::lock_guard<std::mutex> lk(d.host->mu);
-    auto it = d.clients.find(reinterpret_cast<UMockdevIoctlClient*>(where_the_client_was));
+    drop_client(d, where_the_client_was);
+}
+
+// Forgets a closed descriptor's URBs and claims; called with mu held.
+void UsbHost::Impl::drop_client(Device& d, const void* key) {
+    std::unique_ptr<Client> rec;
+    std::vector<UrbPtr> dropped;  // destroyed after the lists are consistent again
+    auto it = d.clients.find(key);
     if (it == d.clients.end()) return;
     rec = std::move(it->second);
     d.clients.erase(it);
@@ -447,14 +521,12 @@ void UsbHost::Impl::on_client_gone(gpointer user, GObject* where_the_client_was)
     update_wakeup(d);
 }
 
-Client* UsbHost::Impl::client_record(Device& d, UMockdevIoctlClient* c) {
-    auto it = d.clients.find(c);
+Client* UsbHost::Impl::client_record(Device& d, const void* key) {
+    auto it = d.clients.find(key);
     if (it != d.clients.end()) return it->second.get();
     auto rec = std::make_unique<Client>();
     Client* raw = rec.get();
-    d.clients.emplace(c, std::move(rec));
-    // Not a strong reference: its release is how we learn about the close.
-    g_object_weak_ref(G_OBJECT(c), on_client_gone, &d);
+    d.clients.emplace(key, std::move(rec));
     return raw;
 }
 
@@ -554,7 +626,7 @@ int UsbHost::Impl::control(Device& d, const ControlSetup& s, uint8_t* data) {
     }
 }
 
-Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
+Result UsbHost::Impl::submit(Device& d, Client* cl, const Arg& arg) {
     ClientMem um = ClientMem::of_arg(arg, sizeof(usbdevfs_urb));
     if (!um) return fail(EFAULT);
     auto u = std::make_unique<Urb>();
@@ -609,6 +681,7 @@ Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
         if (urb.endpoint == kEpIn) {
             if (interrupt) return fail(EINVAL);
             std::lock_guard<std::mutex> lk(mu);
+            if (d.gone) return fail(ENODEV);  // unplugged since the ioctl began: it would wait forever
             d.pending_in.push_back(std::move(u));
             match_in(d);
             return kOk;
@@ -636,7 +709,7 @@ Result UsbHost::Impl::submit(Device& d, Client* cl, UMockdevIoctlData* arg) {
     return fail(EINVAL);  // isochronous: no such endpoint here
 }
 
-Result UsbHost::Impl::reap(Device& d, Client* cl, UMockdevIoctlData* arg) {
+Result UsbHost::Impl::reap(Device& d, Client* cl, const Arg& arg) {
     UrbPtr u;
     {
         std::lock_guard<std::mutex> lk(mu);
@@ -664,18 +737,7 @@ Result UsbHost::Impl::reap(Device& d, Client* cl, UMockdevIoctlData* arg) {
     return kOk;
 }
 
-Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
-    const unsigned int req = static_cast<unsigned int>(umockdev_ioctl_client_get_request(client));
-    UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
-    Client* cl;
-    {
-        std::lock_guard<std::mutex> lk(mu);
-        cl = client_record(d, client);
-        // After an unplug only reaping still works (libusb relies on
-        // USBDEVFS_CAP_REAP_AFTER_DISCONNECT to collect the failed URBs).
-        if (d.gone && req != USBDEVFS_REAPURBNDELAY && req != USBDEVFS_REAPURB) return fail(ENODEV);
-    }
-
+Result UsbHost::Impl::handle(Device& d, Client* cl, unsigned int req, const Arg& arg) {
     switch (req) {
     case USBDEVFS_SUBMITURB:
         return submit(d, cl, arg);
@@ -683,7 +745,7 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
     case USBDEVFS_REAPURBNDELAY:
         return reap(d, cl, arg);
     case USBDEVFS_DISCARDURB: {
-        unsigned long addr = *reinterpret_cast<unsigned long*>(arg->data);
+        const unsigned long addr = reinterpret_cast<unsigned long>(arg.raw());
         std::lock_guard<std::mutex> lk(mu);
         for (auto* list : {&d.pending_in, &d.unanswered}) {
             for (auto it = list->begin(); it != list->end(); ++it) {
@@ -793,11 +855,139 @@ Result UsbHost::Impl::handle(Device& d, UMockdevIoctlClient* client) {
     }
 }
 
+// ---------------------------------------------------------------------------
+// The in-thread path (fast_ioctl): ioctls answered in the program's thread (see the ioctl in
+// umockdev_guards.cpp), with the client's memory reached directly. A descriptor is
+// ours when it is one of our FIFO nodes, which fstat() tells once; close() ends it.
+
+namespace {
+
+UsbHost::Impl* g_fast_host = nullptr;
+// Deferred work of the ioctl this thread is answering on the in-thread path: run
+// once the ioctl's answer is settled and the callback lock is released.
+thread_local std::vector<std::function<void()>>* t_deferred = nullptr;
+void (*g_watch_close)(int) = nullptr;
+
+// A descriptor's key in Device::clients: odd, so never a umockdev client object.
+const void* fast_client_key(int fd) { return reinterpret_cast<const void*>(uintptr_t(unsigned(fd)) * 2 + 1); }
+
+void run_deferred(std::function<void()>& fn) {
+    try {
+        fn();
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "polybus_sim: deferred function threw: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "polybus_sim: deferred function threw\n");
+    }
+}
+
+int fast_ioctl(int fd, unsigned long request, void* arg, int* result) {
+    return g_fast_host->fast(fd, request, arg, result) ? 1 : 0;
+}
+
+void fast_close_hook(int fd) { g_fast_host->fast_closed(fd); }
+
+}  // namespace
+
+bool UsbHost::Impl::fast_device(int fd, DevicePtr& d, Client*& cl, bool& gone) {
+    {
+        std::lock_guard<std::mutex> lk(mu);
+        auto it = fast_fds.find(fd);
+        if (it != fast_fds.end()) {
+            d = it->second.dev;
+            cl = client_record(*d, fast_client_key(fd));
+            gone = d->gone;
+            return true;
+        }
+        if (nodes.empty()) return false;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) return false;
+    std::lock_guard<std::mutex> lk(mu);
+    auto n = nodes.find({st.st_dev, st.st_ino});
+    if (n == nodes.end() || !(d = n->second.lock())) return false;
+    fast_fds[fd] = FastFd{d, st.st_dev, st.st_ino};
+    fast_fd_count.fetch_add(1, std::memory_order_relaxed);
+    if (g_watch_close) g_watch_close(fd);
+    cl = client_record(*d, fast_client_key(fd));
+    gone = d->gone;
+    return true;
+}
+
+bool UsbHost::Impl::fast(int fd, unsigned long request, void* arg, int* result) {
+    DevicePtr d;
+    Client* cl = nullptr;
+    bool gone = false;
+    if (!fast_device(fd, d, cl, gone)) return false;
+    ioctls.fetch_add(1, std::memory_order_relaxed);
+    const auto req = static_cast<unsigned int>(request);
+    std::vector<std::function<void()>> deferred;
+    Result r;
+    {
+        std::lock_guard<std::mutex> cb(callback_mu);
+        t_deferred = &deferred;
+        if (gone && req != USBDEVFS_REAPURBNDELAY && req != USBDEVFS_REAPURB)
+            r = fail(ENODEV);
+        else
+            r = handle(*d, cl, req, Arg{nullptr, arg});
+        t_deferred = nullptr;
+    }
+    for (auto& fn : deferred) run_deferred(fn);
+    if (r.res < 0) {
+        *result = -1;
+        errno = r.err;
+    } else {
+        *result = int(r.res);
+    }
+    return true;
+}
+
+void UsbHost::Impl::fast_closed(int fd) {
+    if (fast_fd_count.load(std::memory_order_relaxed) == 0) return;
+    std::lock_guard<std::mutex> lk(mu);
+    auto it = fast_fds.find(fd);
+    if (it == fast_fds.end()) return;
+    drop_client(*it->second.dev, fast_client_key(fd));
+    fast_fds.erase(it);
+    fast_fd_count.fetch_sub(1, std::memory_order_relaxed);
+}
+
+void UsbHost::Impl::run_later(std::function<void()> fn) {
+    std::lock_guard<std::mutex> lk(later_mu);
+    later.push_back(std::move(fn));
+    later_cv.notify_one();
+    if (later_thread) return;
+    later_thread = true;
+    std::thread([this] {
+        block_all_signals_in_this_thread();
+        std::unique_lock<std::mutex> lk(later_mu);
+        for (;;) {
+            later_cv.wait(lk, [this] { return !later.empty(); });
+            std::function<void()> next = std::move(later.front());
+            later.pop_front();
+            lk.unlock();
+            run_deferred(next);
+            lk.lock();
+        }
+    }).detach();
+}
+
 UsbHost::UsbHost() : impl_(std::make_unique<Impl>()) {
     if (!preload_loaded())
         throw std::runtime_error("polybus_sim: not running under libumockdev-preload; call ensure_preloaded() first in main()");
     g_direct_access = !kTsan && !std::getenv("POLYBUS_SIM_IOCTL_COPY");
     Impl& I = *impl_;
+    if (g_direct_access && !std::getenv("POLYBUS_SIM_IOCTL_FORWARD")) {
+        // The program's (or the launcher preload's) copies, which are the ones its
+        // libusb calls reach; this library's own would never see an ioctl.
+        auto set_hooks = reinterpret_cast<void (*)(polybus_sim_ioctl_hook, polybus_sim_close_hook)>(
+            dlsym(RTLD_DEFAULT, "polybus_sim_set_ioctl_hooks"));
+        g_watch_close = reinterpret_cast<void (*)(int)>(dlsym(RTLD_DEFAULT, "polybus_sim_watch_close"));
+        if (set_hooks && g_watch_close) {
+            g_fast_host = &I;
+            set_hooks(fast_ioctl, fast_close_hook);
+        }
+    }
     I.testbed = umockdev_testbed_new();
     gchar* root = umockdev_testbed_get_root_dir(I.testbed);
     I.root_dir = root ? root : "";
@@ -909,8 +1099,14 @@ int UsbHost::plug(std::shared_ptr<UsbFunction> fn, const UsbIdentity& id, int bu
         }
         umockdev_testbed_uevent(I.testbed, d->syspath.c_str(), "add");
     }
+    struct stat fifo_stat;
+    const bool fifo = d->wake_fd >= 0 && fstat(d->wake_fd, &fifo_stat) == 0;
     std::lock_guard<std::mutex> lk(I.mu);
     I.ports[d->port] = d;
+    if (fifo) {
+        for (auto it = I.nodes.begin(); it != I.nodes.end();) it = it->second.expired() ? I.nodes.erase(it) : ++it;
+        I.nodes[{fifo_stat.st_dev, fifo_stat.st_ino}] = d;
+    }
     return d->port;
 }
 
@@ -1009,8 +1205,16 @@ int UsbHost::address_of(int port) const {
 }
 
 void UsbHost::defer(std::function<void()> fn) {
+    if (t_deferred) {  // answering an ioctl in this thread
+        t_deferred->push_back(std::move(fn));
+        return;
+    }
     GMainContext* ctx = impl_->worker_ctx.load(std::memory_order_acquire);
     if (!ctx) {
+        if (g_fast_host) {
+            impl_->run_later(std::move(fn));
+            return;
+        }
         fn();
         return;
     }
@@ -1021,11 +1225,7 @@ void UsbHost::defer(std::function<void()> fn) {
     g_source_set_callback(
         s,
         [](gpointer p) -> gboolean {
-            try {
-                (*static_cast<std::function<void()>*>(p))();
-            } catch (const std::exception& e) {
-                std::fprintf(stderr, "polybus_sim: deferred function threw: %s\n", e.what());
-            }
+            run_deferred(*static_cast<std::function<void()>*>(p));
             return G_SOURCE_REMOVE;
         },
         new std::function<void()>(std::move(fn)), [](gpointer p) { delete static_cast<std::function<void()>*>(p); });
