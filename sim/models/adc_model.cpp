@@ -20,6 +20,15 @@ constexpr double kPi = 3.14159265358979323846;
 // The firmware's largest one-shot answer; a read asking for more gets no samples.
 constexpr size_t kMaxReadBytes = 16u << 20;
 constexpr size_t kFrameTimesKept = 1u << 20;
+// How early the streaming thread wakes before a frame is due (see stream_main):
+// longer than a usual late wake-up, short enough that waiting it out costs little.
+constexpr std::chrono::microseconds kSendLead{300};
+
+inline void spin_pause() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
 
 std::vector<int> inputs_of(uint8_t mask) {
     std::vector<int> v;
@@ -204,16 +213,27 @@ void AdcModel::stream_main(Stream s, uint64_t generation) {
         const uint64_t first = k * s.frame, end = first + s.frame;
         const double done_us = double((end + nch - 1) / nch) * step_us;
         const auto due = wall0 + std::chrono::nanoseconds(int64_t(done_us * 1000));
+        // A real adapter sends the frame the instant its last sample is converted.
+        // The thread wakes a little early and takes the samples whose instants have
+        // passed, then waits out the rest without sleeping (a sleeping thread can
+        // wake milliseconds late on a busy machine) and takes the last few.
         {
             std::unique_lock<std::mutex> lk(stream_mutex_);
-            stream_cv_.wait_until(lk, due, [&] { return generation_ != generation; });
+            stream_cv_.wait_until(lk, due - kSendLead, [&] { return generation_ != generation; });
             if (generation_ != generation) return;
         }
-        {
+        uint64_t j = first;
+        auto take_until = [&](double limit_us) {
             std::lock_guard<std::mutex> g(signal_mutex_);
-            for (uint64_t j = first; j < end; ++j)
-                put_le16(frame, size_t(j - first) * 2, sample_locked(inputs[j % nch], t0 + double(j / nch) * step_us));
-        }
+            for (; j < end; ++j) {
+                const double at = t0 + double(j / nch) * step_us;
+                if (at > limit_us) break;
+                put_le16(frame, size_t(j - first) * 2, sample_locked(inputs[j % nch], at));
+            }
+        };
+        take_until(double(adapter_.clock_us()));
+        while (std::chrono::steady_clock::now() < due) spin_pause();
+        take_until(t0 + done_us);
         std::vector<uint8_t> out = frame;
         if (long(k) == config_short) out.resize(out.size() / 2);
         // Queued under the stream lock, so a stop request never sees a frame after it.
