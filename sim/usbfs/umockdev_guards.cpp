@@ -285,6 +285,13 @@ using CloseFn = int (*)(int);
 std::atomic<IoctlFn> g_real_ioctl{nullptr};
 std::atomic<CloseFn> g_real_close{nullptr};
 
+// Looked up at load time: a first close() can come where dlsym() must not run,
+// such as a forked child closing descriptors before it execs.
+__attribute__((constructor)) void find_real_ioctl_and_close() {
+    next_symbol("ioctl", g_real_ioctl);
+    next_symbol("close", g_real_close);
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) void polybus_sim_set_ioctl_hooks(polybus_sim_ioctl_hook on_ioctl,

@@ -6,9 +6,14 @@
 #include <gtest/gtest.h>
 #include <libusb.h>
 
+#include <fcntl.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <future>
 #include <cstring>
 #include <mutex>
 #include <random>
@@ -453,7 +458,7 @@ TEST_F(UsbfsTest, InterfaceClaimIsExclusiveUntilClosed) {
     EXPECT_EQ(libusb_kernel_driver_active(b, 0), 0);
     handles_.erase(std::find(handles_.begin(), handles_.end(), a));
     libusb_close(a);
-    // The close reaches the handler asynchronously.
+    // umockdev reports a close to its handler thread asynchronously.
     int r = LIBUSB_ERROR_BUSY;
     for (int i = 0; i < 200 && r == LIBUSB_ERROR_BUSY; ++i) {
         r = libusb_claim_interface(b, 0);
@@ -515,6 +520,86 @@ TEST_F(UsbfsTest, TimerThreadsStreamWhileHostReadsAndWrites) {
     EXPECT_EQ(echoed, kCommands);
     EXPECT_EQ(next[1], kPerThread);
     EXPECT_EQ(next[2], kPerThread);
+}
+
+// Work a model defers outside any request runs elsewhere and later: the model may
+// hold a lock the work needs (an adapter's timer thread unplugging it, say).
+TEST_F(UsbfsTest, DeferredOutsideARequestRunsOnAnotherThread) {
+    ASSERT_NO_FATAL_FAILURE(plug_and_open());
+    ASSERT_EQ(send(h, pattern(3, 1)), 3);  // requests have been answered before
+    // Shared with the deferred work, which may still be finishing when the test ends.
+    auto held = std::make_shared<std::mutex>();
+    auto ran = std::make_shared<std::promise<std::thread::id>>();
+    auto f = ran->get_future();
+    {
+        std::lock_guard<std::mutex> g(*held);
+        host().defer([held, ran] {
+            std::lock_guard<std::mutex> g2(*held);
+            ran->set_value(std::this_thread::get_id());
+        });
+    }
+    ASSERT_EQ(f.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_NE(f.get(), std::this_thread::get_id());
+}
+
+// A descriptor closed with a read still submitted takes its claim and that read
+// with it: the next data goes to the next reader, and a later descriptor that gets
+// the same number is a client of its own.
+TEST_F(UsbfsTest, ClosedDescriptorTakesItsClaimAndReadsWithIt) {
+    auto e = plug();
+    char node[64];
+    std::snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", host().bus_of(e->port), host().address_of(e->port));
+    uint8_t stale[64];
+    for (int round = 0; round < 2; ++round) {
+        int fd = ::open(node, O_RDWR);
+        ASSERT_GE(fd, 0);
+        unsigned int iface = 0;
+        int claimed = -1;  // the previous round's close may still be on its way
+        for (int i = 0; i < 200 && claimed != 0; ++i) {
+            claimed = ioctl(fd, USBDEVFS_CLAIMINTERFACE, &iface);
+            if (claimed != 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ASSERT_EQ(claimed, 0);
+        usbdevfs_urb urb{};
+        urb.type = USBDEVFS_URB_TYPE_BULK;
+        urb.endpoint = 0x81;
+        urb.buffer = stale;
+        urb.buffer_length = sizeof stale;
+        ASSERT_EQ(ioctl(fd, USBDEVFS_SUBMITURB, &urb), 0);
+        ::close(fd);  // never reaped
+    }
+    libusb_device_handle* b = open(e->port, false);
+    ASSERT_NE(b, nullptr);
+    // Once the claim is free the close has been seen (umockdev's way reports it
+    // asynchronously).
+    int r = LIBUSB_ERROR_BUSY;
+    for (int i = 0; i < 200 && r == LIBUSB_ERROR_BUSY; ++i) {
+        r = libusb_claim_interface(b, 0);
+        if (r == LIBUSB_ERROR_BUSY) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_EQ(r, 0);
+    host().queue_in(e->port, {pattern(10, 4)});
+    EXPECT_EQ(recv(b, 64), pattern(10, 4));
+}
+
+TEST(UsbfsProcess, UsbRequestsOnOtherDescriptorsReachTheKernel) {
+    // A FIFO that is not one of the simulator's nodes, and a character device: the
+    // kernel's answer, not the simulator's.
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    uint32_t caps = 0;
+    errno = 0;
+    EXPECT_EQ(ioctl(p[1], USBDEVFS_GET_CAPABILITIES, &caps), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(caps, 0u);
+    close(p[0]);
+    close(p[1]);
+    int null = open("/dev/null", O_RDWR);
+    ASSERT_GE(null, 0);
+    errno = 0;
+    EXPECT_EQ(ioctl(null, USBDEVFS_GET_CAPABILITIES, &caps), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    close(null);
 }
 
 TEST(UsbfsProcess, UsleepOverrideStillSleeps) {
