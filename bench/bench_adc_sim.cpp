@@ -43,7 +43,9 @@ constexpr uint32_t kRate = 150000;  // per input: 1.2 M samples/s in total
 constexpr int kFrame = 10240;
 constexpr double kSeconds = 10.0;
 
-// CPU seconds used so far by the threads of this process called `name`.
+// CPU seconds used so far by the threads of this process called `name`, less the
+// time they spent answering their own requests to the simulated adapter (which
+// answers in the requesting thread: the simulator's work, not the library's).
 double thread_cpu(const char* name) {
     double total = 0;
     DIR* d = opendir("/proc/self/task");
@@ -68,7 +70,7 @@ double thread_cpu(const char* name) {
             if (i == 14) utime = std::stoull(field);
             if (i == 15) stime = std::stoull(field);
         }
-        total += double(utime + stime) / tick;
+        total += double(utime + stime) / tick - UsbHost::instance().answering_seconds(std::atoi(e->d_name));
     }
     closedir(d);
     return total;
@@ -164,10 +166,12 @@ double percentile(const std::vector<double>& sorted, double p) {
 }
 
 // Lets every thread of the process run on any CPU again. The pin helps list mode's
-// throughput, but a frame's way to the callback is four wake-ups in a row (adapter
-// thread, reader, usbfs handler, reader), and on one shared CPU each waits behind
-// whatever else runs there: measured on the same machine, pinned runs had several
-// times the late frames of unpinned ones, nearly all on the host side.
+// throughput, but a frame's way to the callback is two wake-ups in a row (the
+// adapter's streaming thread, then the library's reader), and on one shared CPU the
+// second waits behind whatever else runs there. (When the simulator still answered
+// through umockdev's handler thread, four wake-ups in a row, pinned runs had several
+// times the late frames of unpinned ones; with two, the difference is within the
+// noise.)
 void unpin_all_threads() {
     cpu_set_t all;
     CPU_ZERO(&all);

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -100,6 +101,23 @@ std::map<std::string, double> cpu_by_thread() {
     return out;
 }
 
+// Seconds per thread name that the threads spent answering their own requests to
+// the simulated adapters: simulator work inside the program's threads.
+std::map<std::string, double> answering_by_thread() {
+    std::map<std::string, double> out;
+    DIR* d = opendir("/proc/self/task");
+    if (d == nullptr) return out;
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        out[name] += polybus_sim::UsbHost::instance().answering_seconds(std::atoi(e->d_name));
+    }
+    closedir(d);
+    return out;
+}
+
 double process_cpu() {
     timespec ts;
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
@@ -172,6 +190,7 @@ int main(int argc, char** argv) {
         for (int ch = 0; ch < 2; ++ch)
             base[{int(a.id), ch}] = bench->adapter(a.name)->model<polybus_sim::CanModel>().channel(ch).frames_received;
     const auto cpu_before = cpu_by_thread();
+    const auto answered_before = answering_by_thread();
     const uint64_t ioctls_before = polybus_sim::UsbHost::instance().ioctl_count();
     const double process_before = process_cpu();
     const auto t0 = std::chrono::steady_clock::now();
@@ -199,6 +218,7 @@ int main(int argc, char** argv) {
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     const auto cpu_after = cpu_by_thread();
+    const auto answered_after = answering_by_thread();
     const uint64_t ioctls = polybus_sim::UsbHost::instance().ioctl_count() - ioctls_before;
     const double process_used = process_cpu() - process_before;
 
@@ -246,8 +266,18 @@ int main(int argc, char** argv) {
         // "host": this program and the library's reader threads (named after the
         // thread that started them), with libusb's event thread; the rest is the
         // simulator: the models' timers and the USB emulation's threads.
-        if (name == "host" || name == "libusb_event") other_cpu += used;
-        else sim_cpu += used;
+        // The simulated adapters answer USB requests in the thread that makes them:
+        // that share of a host thread's time is the simulator's.
+        const auto was = answered_before.find(name);
+        const auto now = answered_after.find(name);
+        const double answered = std::min(used, (now == answered_after.end() ? 0.0 : now->second) -
+                                                   (was == answered_before.end() ? 0.0 : was->second));
+        if (name == "host" || name == "libusb_event") {
+            other_cpu += used - answered;
+            sim_cpu += answered;
+        } else {
+            sim_cpu += used;
+        }
         if (name == "sim-timer") model_cpu += used;
     }
     const double per_second = sim_cpu / elapsed;

@@ -23,6 +23,7 @@
 #include <linux/usb/ch9.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cerrno>
 #include <cstddef>
@@ -887,6 +888,32 @@ int fast_ioctl(int fd, unsigned long request, void* arg, int* result) {
 
 void fast_close_hook(int fd) { g_fast_host->fast_closed(fd); }
 
+// Per thread: how long it has spent answering its own ioctls (answering_seconds).
+// The registry is never destroyed: threads of the program may end after exit() has
+// run the static destructors.
+struct AnswerClock;
+struct AnswerClocks {
+    std::mutex mu;
+    std::map<int, AnswerClock*> by_tid;
+};
+AnswerClocks& answer_clocks() {
+    static auto* clocks = new AnswerClocks;
+    return *clocks;
+}
+struct AnswerClock {
+    int tid = int(syscall(SYS_gettid));
+    std::atomic<uint64_t> ns{0};
+    AnswerClock() {
+        std::lock_guard<std::mutex> g(answer_clocks().mu);
+        answer_clocks().by_tid[tid] = this;
+    }
+    ~AnswerClock() {
+        std::lock_guard<std::mutex> g(answer_clocks().mu);
+        answer_clocks().by_tid.erase(tid);
+    }
+};
+thread_local AnswerClock t_answer_clock;
+
 }  // namespace
 
 bool UsbHost::Impl::fast_device(int fd, DevicePtr& d, Client*& cl, bool& gone) {
@@ -923,6 +950,9 @@ bool UsbHost::Impl::fast(int fd, unsigned long request, void* arg, int* result) 
     const auto req = static_cast<unsigned int>(request);
     std::vector<std::function<void()>> deferred;
     Result r;
+    // Wall time, a vDSO read: a thread CPU clock is a system call each, and the
+    // answer does not block (but for the callback lock).
+    const auto started = std::chrono::steady_clock::now();
     {
         std::lock_guard<std::mutex> cb(callback_mu);
         t_deferred = &deferred;
@@ -933,6 +963,9 @@ bool UsbHost::Impl::fast(int fd, unsigned long request, void* arg, int* result) 
         t_deferred = nullptr;
     }
     for (auto& fn : deferred) run_deferred(fn);
+    t_answer_clock.ns.fetch_add(
+        uint64_t(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - started).count()),
+        std::memory_order_relaxed);
     if (r.res < 0) {
         *result = -1;
         errno = r.err;
@@ -1234,6 +1267,13 @@ void UsbHost::defer(std::function<void()> fn) {
 }
 
 uint64_t UsbHost::ioctl_count() const { return impl_->ioctls.load(std::memory_order_relaxed); }
+
+double UsbHost::answering_seconds(int tid) const {
+    AnswerClocks& clocks = answer_clocks();
+    std::lock_guard<std::mutex> g(clocks.mu);
+    auto it = clocks.by_tid.find(tid);
+    return it == clocks.by_tid.end() ? 0.0 : double(it->second->ns.load(std::memory_order_relaxed)) * 1e-9;
+}
 
 // ---------------------------------------------------------------------------
 // Process setup

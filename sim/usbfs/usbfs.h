@@ -111,6 +111,12 @@ public:
 
     // Number of ioctls the handler has answered; for benchmarks.
     uint64_t ioctl_count() const;
+    // Time the thread `tid` (a Linux thread id, as in /proc/self/task) has spent
+    // answering its own ioctls, in seconds: simulator work that the thread's CPU
+    // time includes, since ioctls are answered in the calling thread. For
+    // benchmarks that judge a program's thread by its own share. 0 for a thread
+    // that never made one, or that has ended.
+    double answering_seconds(int tid) const;
 
     UsbHost(const UsbHost&) = delete;
     UsbHost& operator=(const UsbHost&) = delete;
