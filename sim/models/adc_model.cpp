@@ -150,8 +150,17 @@ uint16_t AdcModel::sample_locked(int n, double t_us) {
         case AnalogSignal::Kind::Constant: v = s.level; break;
         case AnalogSignal::Kind::Sine: v = s.level + s.amplitude * std::sin(2 * kPi * s.frequency_hz * t); break;
         case AnalogSignal::Kind::Ramp: {
-            const double phase = s.frequency_hz > 0 ? t * s.frequency_hz - std::floor(t * s.frequency_hz) : t;
-            v = s.level + s.amplitude * phase;
+            if (s.frequency_hz > 0) {
+                // Worked in millionths of a period: for whole microseconds and a
+                // frequency of a few binary digits every step is exact, so a ramp set
+                // to count sampling instants counts them, even where a value lies
+                // halfway between two (t * f in seconds would round either way there,
+                // repeating one count and skipping the next).
+                const double millionths = std::fmod(t_us * s.frequency_hz, 1e6);
+                v = s.level + millionths * s.amplitude / 1e6;
+            } else {
+                v = s.level + s.amplitude * t;
+            }
             break;
         }
         case AnalogSignal::Kind::Noise: {

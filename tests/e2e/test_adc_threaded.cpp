@@ -245,6 +245,21 @@ int keep_frame(int dev, short* data, int n) {
 }
 }  // namespace
 
+// The counting input the streaming tests rely on, at the instants where its value
+// lies exactly halfway between two counts (a stream that starts 25 us past a
+// sampling-grid point): one count per instant, never a repeat or a skip.
+TEST_F(Adc, CountingInputCountsEveryInstantEvenHalfwayBetweenValues) {
+    adc().set_input(0, counting(20000));
+    for (double start : {25.0, 1000025.0, 123456775.0, 987654321.0}) {
+        int previous = adc().sample(0, start);
+        for (int k = 1; k < 8000; ++k) {
+            const int value = adc().sample(0, start + 50.0 * k);
+            ASSERT_EQ((previous + 1) % 4000, value % 4000) << "start " << start << ", instant " << k;
+            previous = value;
+        }
+    }
+}
+
 TEST_F(Adc, CallbackGetsEveryFrameAndShortFramesAsTheyCame) {
     Frames got;
     g_frames = &got;
