@@ -2,7 +2,8 @@
 // separation time 0) against the simulated ECU, timed from CAN_UDS_Request to the end of
 // CAN_UDS_Response and set beside the bus time of every frame of the exchange (both
 // ways, flow control included). Target: within 1.3 times that bus time, on classic CAN
-// at 500 kbit/s and on CAN FD with 64-byte frames at 500 kbit/s / 2 Mbit/s.
+// at 500 kbit/s and on CAN FD with 64-byte frames at 500 kbit/s / 2 Mbit/s, in the best
+// and in the median of the runs.
 //
 // The request reads identifier 0x0102 (empty) 2047 times: 1 + 2 x 2047 = 4095 bytes, and
 // the answer repeats the identifier 2047 times behind 0x62: 4095 bytes too.
@@ -18,9 +19,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <string>
 #include <vector>
 
 #include "adapter.h"
+#include "bench_report.h"
 #include "can_model.h"
 #include "can_uds_ecu.h"
 #include "polybus/polybus.h"
@@ -137,8 +141,13 @@ void report(const char* what, const Summary& s) {
     std::printf("%s: bus time %.1f ms; best %.1f ms = %.2f x, median %.1f ms = %.2f x (target <= %.1f x)%s\n"
                 "    %d frame-send commands; time beyond the bus in the best run: %.2f ms per command\n",
                 what, bus * 1e3, s.best.seconds * 1e3, best, s.median.seconds * 1e3, median, kTarget,
-                !ok ? "  FAILED EXCHANGE" : best <= kTarget ? "" : "  MISSED", s.best.sends,
+                !ok ? "  FAILED EXCHANGE" : median <= kTarget ? "" : "  MISSED", s.best.sends,
                 s.best.sends > 0 ? (s.best.seconds - bus) * 1e3 / s.best.sends : 0.0);
+    // Judged on the median run as well: a target met only by the luckiest run is not met.
+    const std::string name = std::string(what + std::strspn(what, " ")) + ", time / bus time";
+    if (!ok) bench::check_target((name + ": exchanges that failed").c_str(), 1, "", "<=", 0);
+    bench::check_target((name + ", best").c_str(), best, "x", "<=", kTarget);
+    bench::check_target((name + ", median").c_str(), median, "x", "<=", kTarget);
     const Idle& i = s.median.idle;
     std::printf("    bus idle in the median run, ms: before the first frame %.2f; request's flow control %.2f; "
                 "between %d request batches %.2f (%.2f each);\n      request to answer %.2f; answer's flow control "
