@@ -945,16 +945,18 @@ bool UsbHost::Impl::fast(int fd, unsigned long request, void* arg, int* result) 
     DevicePtr d;
     Client* cl = nullptr;
     bool gone = false;
-    if (!fast_device(fd, d, cl, gone)) return false;
-    ioctls.fetch_add(1, std::memory_order_relaxed);
-    const auto req = static_cast<unsigned int>(request);
     std::vector<std::function<void()>> deferred;
     Result r;
     // Wall time, a vDSO read: a thread CPU clock is a system call each, and the
     // answer does not block (but for the callback lock).
     const auto started = std::chrono::steady_clock::now();
     {
+        // Taken before the descriptor is looked up: a close from another thread
+        // (see fast_closed) must not take the client away halfway.
         std::lock_guard<std::mutex> cb(callback_mu);
+        if (!fast_device(fd, d, cl, gone)) return false;
+        ioctls.fetch_add(1, std::memory_order_relaxed);
+        const auto req = static_cast<unsigned int>(request);
         t_deferred = &deferred;
         if (gone && req != USBDEVFS_REAPURBNDELAY && req != USBDEVFS_REAPURB)
             r = fail(ENODEV);
@@ -977,10 +979,21 @@ bool UsbHost::Impl::fast(int fd, unsigned long request, void* arg, int* result) 
 
 void UsbHost::Impl::fast_closed(int fd) {
     if (fast_fd_count.load(std::memory_order_relaxed) == 0) return;
+    {
+        std::lock_guard<std::mutex> lk(mu);
+        if (!fast_fds.count(fd)) return;
+    }
+    // Released after the locks: the last reference to an unplugged device closes
+    // its FIFO, and that close comes back through here.
+    DevicePtr last;
+    // A program that closes a descriptor while another of its threads is still in a
+    // request on it: that request is answered first.
+    std::lock_guard<std::mutex> cb(callback_mu);
     std::lock_guard<std::mutex> lk(mu);
     auto it = fast_fds.find(fd);
     if (it == fast_fds.end()) return;
-    drop_client(*it->second.dev, fast_client_key(fd));
+    last = std::move(it->second.dev);
+    drop_client(*last, fast_client_key(fd));
     fast_fds.erase(it);
     fast_fd_count.fetch_sub(1, std::memory_order_relaxed);
 }
