@@ -75,6 +75,16 @@ struct SignalSlot {
     uint32_t field;
 };
 
+// A field as decoding a classic frame on the word path reads it: its record's raw
+// value becomes (word >> shift) & mask, of the little-endian word or the byte-swapped
+// one by the list it is in. Kept apart from the CanFields so that decoding walks a
+// short, dense list and never chooses between the two words per field.
+struct ReadOp {
+    uint64_t* raw;  // the record's rawValue
+    uint64_t mask;  // 0 for an Intel field starting past the frame: reads 0
+    uint64_t shift;
+};
+
 // A field of a disjoint message, reduced to a rotation and a mask of the word.
 struct PackedField {
     const DBC_SIGNAL* sig;
@@ -100,6 +110,10 @@ struct MessageCodec {
     bool disjoint = false;
     uint32_t leFirst = 0, leCount = 0;  // packed Intel fields
     uint32_t beFirst = 0, beCount = 0;  // packed Motorola fields
+    // With allWordPath: the fields as decoding reads them, the Intel ones first
+    // (leReads of them), then the Motorola ones (beReads).
+    const ReadOp* reads = nullptr;
+    uint32_t readFirst = 0, leReads = 0, beReads = 0;
     // Signal to try first in a look-up by name: the one after the last hit, since
     // applications tend to set and read a message's signals in the same order each
     // time. A message without signals points at no_field().

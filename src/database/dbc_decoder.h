@@ -175,6 +175,7 @@ private:
     int set_signal_value_slow(const char* messageName, const char* signalName, double value);
     int get_signal_value_slow(const char* messageName, const char* signalName, double* value);
     void decode_can(int message, const CAN_MSG& frame);
+    void decode_can_bytewise(const dbc_detail::MessageCodec& c, const CAN_MSG& frame);
     void build_can(int message, uint8_t out[8]);
 
     // Drops the codec tables while the lists are being filled.
@@ -188,6 +189,7 @@ private:
     dbc_detail::IdIndex index_id_;
     std::vector<dbc_detail::CanField> fields_;
     std::vector<dbc_detail::PackedField> packed_;
+    std::vector<dbc_detail::ReadOp> reads_;
     std::vector<dbc_detail::MessageCodec> codecs_;
     std::vector<dbc_detail::SignalSlot> slots_;  // the messages' signal tables
     // Signals found by name, by the address of the name (see hint_slot); all of them

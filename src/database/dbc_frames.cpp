@@ -49,12 +49,14 @@ uint64_t range_mask(int lo, int hi) {
 void DBC_Decoder::build_codec() {
     fields_.clear();
     packed_.clear();
+    reads_.clear();
     slots_.clear();
     codecs_.assign(messages.size(), dbc_detail::MessageCodec{});
     size_t total = 0;
     for (const DBC_MESSAGE& msg : messages) total += msg.signals.size();
     fields_.reserve(total);
     packed_.reserve(total);
+    reads_.reserve(total);
     for (size_t m = 0; m < messages.size(); ++m) {
         DBC_MESSAGE& msg = messages[m];
         dbc_detail::MessageCodec& c = codecs_[m];
@@ -116,6 +118,17 @@ void DBC_Decoder::build_codec() {
             fields_[i].page =
                 sig.multiplexKind == 1 && c.switchIndex >= 0 ? (sig.multiplexValue & 0xFFFFu) : UINT32_MAX;
         }
+        if (c.allWordPath) {
+            c.readFirst = static_cast<uint32_t>(reads_.size());
+            for (uint8_t big = 0; big < 2; ++big) {
+                for (uint32_t i = c.first; i < c.first + c.count; ++i) {
+                    const dbc_detail::CanField& f = fields_[i];
+                    if (f.bigEndian == big) reads_.push_back(dbc_detail::ReadOp{&f.sig->rawValue, f.mask, f.readShift});
+                }
+                if (big == 0) c.leReads = static_cast<uint32_t>(reads_.size()) - c.readFirst;
+            }
+            c.beReads = c.count - c.leReads;
+        }
         if (c.switchIndex < 0) {
             // Disjoint fields of at most 64 bits within +-63 bits of the word can be
             // placed with one rotation: the bits that wrap around fall outside the mask.
@@ -148,6 +161,7 @@ void DBC_Decoder::build_codec() {
         c.end = c.fields + c.count;
         c.next = c.count != 0 ? c.fields : dbc_detail::no_field();
         c.slots = slots_.data() + c.slotFirst;
+        c.reads = reads_.data() + c.readFirst;
         for (dbc_detail::CanField* f = c.fields; f != c.end; ++f) {
             f->owner = &c;
             f->messageKey = c.key;
@@ -192,15 +206,26 @@ void DBC_Decoder::add_signal_table(dbc_detail::MessageCodec& c) {
     }
 }
 
-void DBC_Decoder::decode_can(int message, const CAN_MSG& frame) {
+inline __attribute__((always_inline)) void DBC_Decoder::decode_can(int message, const CAN_MSG& frame) {
     const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(message)];
-    const dbc_detail::CanField* f = fields_.data() + c.first;
     const uint64_t le = load_le64(frame.Data);
-    const uint64_t be = __builtin_bswap64(le);
-    if (c.allWordPath) {
-        for (uint32_t i = 0; i < c.count; ++i) f[i].sig->rawValue = ((f[i].bigEndian ? be : le) >> f[i].readShift) & f[i].mask;
+    if (__builtin_expect(c.allWordPath, 1)) {
+        const dbc_detail::ReadOp* const mid = c.reads + c.leReads;
+        const dbc_detail::ReadOp* const end = mid + c.beReads;
+        for (const dbc_detail::ReadOp* op = c.reads; op != mid; ++op) *op->raw = (le >> op->shift) & op->mask;
+        const uint64_t be = __builtin_bswap64(le);
+        for (const dbc_detail::ReadOp* op = mid; op != end; ++op) *op->raw = (be >> op->shift) & op->mask;
         return;
     }
+    decode_can_bytewise(c, frame);
+}
+
+// A message with a Motorola field starting past the frame: that field read byte by
+// byte, the others on the word path.
+void DBC_Decoder::decode_can_bytewise(const dbc_detail::MessageCodec& c, const CAN_MSG& frame) {
+    const dbc_detail::CanField* f = c.fields;
+    const uint64_t le = load_le64(frame.Data);
+    const uint64_t be = __builtin_bswap64(le);
     for (uint32_t i = 0; i < c.count; ++i) {
         DBC_SIGNAL* s = f[i].sig;
         if (f[i].slowRead)

@@ -61,6 +61,7 @@ void DBC_Decoder::invalidate_codec() {
     codec_ready_ = false;
     fields_.clear();
     packed_.clear();
+    reads_.clear();
     slots_.clear();
     codecs_.clear();
     last_message_ = -1;
