@@ -127,7 +127,6 @@ void DBC_Decoder::build_codec() {
                 }
                 if (big == 0) c.leReads = static_cast<uint32_t>(reads_.size()) - c.readFirst;
             }
-            c.beReads = c.count - c.leReads;
         }
         if (c.switchIndex < 0) {
             // Disjoint fields of at most 64 bits within +-63 bits of the word can be
@@ -161,11 +160,15 @@ void DBC_Decoder::build_codec() {
         c.end = c.fields + c.count;
         c.next = c.count != 0 ? c.fields : dbc_detail::no_field();
         c.slots = slots_.data() + c.slotFirst;
-        c.reads = reads_.data() + c.readFirst;
+        if (c.allWordPath) {
+            c.reads = reads_.data() + c.readFirst;
+            c.readsBig = c.reads + c.leReads;
+            c.readsEnd = c.reads + c.count;
+        }
         for (dbc_detail::CanField* f = c.fields; f != c.end; ++f) {
             f->owner = &c;
-            f->messageKey = c.key;
             f->quick = f->key.care != 0 && c.key.care != 0;
+            if (f->quick) f->names = dbc_detail::make_pair_image(c.key, f->key);
         }
     }
     codec_ready_ = true;
@@ -210,11 +213,9 @@ inline __attribute__((always_inline)) void DBC_Decoder::decode_can(int message, 
     const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(message)];
     const uint64_t le = load_le64(frame.Data);
     if (__builtin_expect(c.allWordPath, 1)) {
-        const dbc_detail::ReadOp* const mid = c.reads + c.leReads;
-        const dbc_detail::ReadOp* const end = mid + c.beReads;
-        for (const dbc_detail::ReadOp* op = c.reads; op != mid; ++op) *op->raw = (le >> op->shift) & op->mask;
+        for (const dbc_detail::ReadOp* op = c.reads; op != c.readsBig; ++op) *op->raw = (le >> op->shift) & op->mask;
         const uint64_t be = __builtin_bswap64(le);
-        for (const dbc_detail::ReadOp* op = mid; op != end; ++op) *op->raw = (be >> op->shift) & op->mask;
+        for (const dbc_detail::ReadOp* op = c.readsBig; op != c.readsEnd; ++op) *op->raw = (be >> op->shift) & op->mask;
         return;
     }
     decode_can_bytewise(c, frame);
@@ -273,16 +274,27 @@ void DBC_Decoder::build_can(int message, uint8_t out[8]) {
     store_le64(out, w);
 }
 
+inline __attribute__((always_inline)) void DBC_Decoder::decode_frame(const CAN_MSG& frame) {
+    const uint32_t key = frame.ID | (static_cast<uint32_t>(frame.ExternFlag) << 31);
+    const int m = static_cast<int>(index_id_.find_built(key));
+    if (m >= 0) decode_can(m, frame);
+}
+
 int DBC_Decoder::syncCANMsgToValue(const CAN_MSG* frames, int count) {
     if (frames == nullptr || count < 1) return 0;
-    if (!codec_ready_) reindex();
-    for (int i = 0; i < count; ++i) {
-        const CAN_MSG& frame = frames[i];
-        const uint32_t key = frame.ID | (static_cast<uint32_t>(frame.ExternFlag) << 31);
-        const int m = findMessageById(key);
-        if (m >= 0) decode_can(m, frame);
+    // One frame per call is common (a frame handed on as it arrives): that path keeps
+    // no registers across frames, and so saves none.
+    if (__builtin_expect(count == 1 && codec_ready_, 1)) {
+        decode_frame(frames[0]);
+        return 0;
     }
+    decode_frames(frames, count);
     return 0;
+}
+
+void DBC_Decoder::decode_frames(const CAN_MSG* frames, int count) {
+    if (!codec_ready_) reindex();
+    for (int i = 0; i < count; ++i) decode_frame(frames[i]);
 }
 
 int DBC_Decoder::syncCANFDMsgToValue(const CANFD_MSG* frames, int count) {
