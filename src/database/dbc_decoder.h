@@ -174,7 +174,7 @@ private:
     void remember(const dbc_detail::CanField& f, const char* messageName, const char* signalName);
     int set_signal_value_slow(const char* messageName, const char* signalName, double value);
     int get_signal_value_slow(const char* messageName, const char* signalName, double* value);
-    void decode_can(int message, const CAN_MSG& frame);
+    void decode_can(const dbc_detail::MessageCodec& c, const CAN_MSG& frame);
     void decode_frame(const CAN_MSG& frame);
     __attribute__((noinline)) void decode_frames(const CAN_MSG* frames, int count);
     void decode_can_bytewise(const dbc_detail::MessageCodec& c, const CAN_MSG& frame);
@@ -185,6 +185,10 @@ private:
 
     bool codec_ready_ = false;       // fields_ / codecs_ match the lists
     mutable int last_message_ = -1;  // the message found by the last look-up by name
+    // With codec_ready_: the key (identifier and extended flag) of the last classic
+    // frame decoded and its message (null: none has it).
+    uint32_t last_frame_key_ = 0;
+    const dbc_detail::MessageCodec* last_frame_codec_ = nullptr;
     dbc_detail::HashIndex index_msg_name_;
     dbc_detail::HashIndex index_signal_;
     dbc_detail::HashIndex index_attr_def_;

@@ -171,6 +171,9 @@ void DBC_Decoder::build_codec() {
             if (f->quick) f->names = dbc_detail::make_pair_image(c.key, f->key);
         }
     }
+    const uint32_t zero = index_id_.find(0);  // an identifier to start the run with
+    last_frame_key_ = 0;
+    last_frame_codec_ = zero != UINT32_MAX ? &codecs_[zero] : nullptr;
     codec_ready_ = true;
 }
 
@@ -209,8 +212,8 @@ void DBC_Decoder::add_signal_table(dbc_detail::MessageCodec& c) {
     }
 }
 
-inline __attribute__((always_inline)) void DBC_Decoder::decode_can(int message, const CAN_MSG& frame) {
-    const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(message)];
+inline __attribute__((always_inline)) void DBC_Decoder::decode_can(const dbc_detail::MessageCodec& c,
+                                                                    const CAN_MSG& frame) {
     const uint64_t le = load_le64(frame.Data);
     if (__builtin_expect(c.allWordPath, 1)) {
         for (const dbc_detail::ReadOp* op = c.reads; op != c.readsBig; ++op) *op->raw = (le >> op->shift) & op->mask;
@@ -276,8 +279,17 @@ void DBC_Decoder::build_can(int message, uint8_t out[8]) {
 
 inline __attribute__((always_inline)) void DBC_Decoder::decode_frame(const CAN_MSG& frame) {
     const uint32_t key = frame.ID | (static_cast<uint32_t>(frame.ExternFlag) << 31);
-    const int m = static_cast<int>(index_id_.find_built(key));
-    if (m >= 0) decode_can(m, frame);
+    // Frames of one identifier often come in runs (a message polled, a log replayed
+    // message by message): then the message is known without the index, and the
+    // stores into its records need not wait for the index probe.
+    const dbc_detail::MessageCodec* c = last_frame_codec_;
+    if (__builtin_expect(key != last_frame_key_, 0)) {
+        const uint32_t m = index_id_.find_built(key);
+        c = m != UINT32_MAX ? &codecs_[m] : nullptr;
+        last_frame_key_ = key;
+        last_frame_codec_ = c;
+    }
+    if (c != nullptr) decode_can(*c, frame);
 }
 
 int DBC_Decoder::syncCANMsgToValue(const CAN_MSG* frames, int count) {
