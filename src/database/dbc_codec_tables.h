@@ -35,8 +35,8 @@ struct Scale {
 struct MessageCodec;
 
 struct alignas(64) CanField {
-    // What decoding a frame reads of every field comes first, within 24 bytes: one
-    // cache line.
+    // What decoding a frame reads of a field comes first, within 24 bytes: one cache
+    // line (messages read entirely on the word path use their ReadOps instead).
     DBC_SIGNAL* sig;
     uint64_t mask;       // reading: value mask of the signal length (0: outside the frame)
     uint8_t readShift;   // reading: right shift of the word

@@ -137,8 +137,9 @@ public:
     int findSignal(int message, std::string_view name) const;
 
     // The work of the exported functions on a valid database (results as there).
-    // Setting and reading by name try the signal last found for the same name string
-    // first (confirmed by comparing its name and its message's name), then the message
+    // Setting and reading by name try the signal last found for the same signal name
+    // string first (see Hints; confirmed by comparing its name and its message's name
+    // with the strings), then the message
     // of the last look-up by name and the signal after the last one found, then the
     // name indexes; inline, so that the exported calls run without a further call in
     // the common case.
