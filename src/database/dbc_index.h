@@ -284,9 +284,10 @@ DBC_NO_SANITIZE_WIDE_LOADS inline bool same_pair(const NamePair& p, const char* 
     };
     const uint64_t ignore = p.ignore;
     uint64_t equal = ignore | equal16(a, p.message) | (equal16(b, p.signal) << 16);
-    if (ignore < 0xFFFFFFFF00000000u) {  // a long name: compare the second halves
-        if ((ignore >> 32 & 0xFFFFu) != 0xFFFFu) equal |= equal16(b + 16, p.signal + 16) << 32;
-        if (ignore >> 48 != 0xFFFFu) equal |= equal16(a + 16, p.message + 16) << 48;
+    const uint32_t high = static_cast<uint32_t>(ignore >> 32);  // the second halves
+    if (high != 0xFFFFFFFFu) {  // a long name
+        if (static_cast<uint16_t>(high) != 0xFFFFu) equal |= equal16(b + 16, p.signal + 16) << 32;
+        if (high < 0xFFFF0000u) equal |= equal16(a + 16, p.message + 16) << 48;
     }
     return equal == ~uint64_t{0};
 }
