@@ -116,7 +116,6 @@ struct MessageCodec {
     const ReadOp* reads = nullptr;
     const ReadOp* readsBig = nullptr;
     const ReadOp* readsEnd = nullptr;
-    uint32_t readFirst = 0, leReads = 0;
     // Signal to try first in a look-up by name: the one after the last hit, since
     // applications tend to set and read a message's signals in the same order each
     // time. A message without signals points at no_field().

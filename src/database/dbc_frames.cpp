@@ -119,14 +119,16 @@ void DBC_Decoder::build_codec() {
                 sig.multiplexKind == 1 && c.switchIndex >= 0 ? (sig.multiplexValue & 0xFFFFu) : UINT32_MAX;
         }
         if (c.allWordPath) {
-            c.readFirst = static_cast<uint32_t>(reads_.size());
+            // reads_ holds room for every field: the addresses stay valid.
+            c.reads = reads_.data() + reads_.size();
             for (uint8_t big = 0; big < 2; ++big) {
                 for (uint32_t i = c.first; i < c.first + c.count; ++i) {
                     const dbc_detail::CanField& f = fields_[i];
                     if (f.bigEndian == big) reads_.push_back(dbc_detail::ReadOp{&f.sig->rawValue, f.mask, f.readShift});
                 }
-                if (big == 0) c.leReads = static_cast<uint32_t>(reads_.size()) - c.readFirst;
+                if (big == 0) c.readsBig = reads_.data() + reads_.size();
             }
+            c.readsEnd = reads_.data() + reads_.size();
         }
         if (c.switchIndex < 0) {
             // Disjoint fields of at most 64 bits within +-63 bits of the word can be
@@ -160,11 +162,6 @@ void DBC_Decoder::build_codec() {
         c.end = c.fields + c.count;
         c.next = c.count != 0 ? c.fields : dbc_detail::no_field();
         c.slots = slots_.data() + c.slotFirst;
-        if (c.allWordPath) {
-            c.reads = reads_.data() + c.readFirst;
-            c.readsBig = c.reads + c.leReads;
-            c.readsEnd = c.reads + c.count;
-        }
         for (dbc_detail::CanField* f = c.fields; f != c.end; ++f) {
             f->owner = &c;
             f->quick = f->key.care != 0 && c.key.care != 0;
