@@ -35,8 +35,8 @@ struct Scale {
 struct MessageCodec;
 
 struct alignas(64) CanField {
-    // What decoding a frame reads of every field comes first, within 24 bytes: one
-    // cache line.
+    // What decoding a frame reads of a field comes first, within 24 bytes: one cache
+    // line (messages read entirely on the word path use their ReadOps instead).
     DBC_SIGNAL* sig;
     uint64_t mask;       // reading: value mask of the signal length (0: outside the frame)
     uint8_t readShift;   // reading: right shift of the word
@@ -50,12 +50,13 @@ struct alignas(64) CanField {
     //                values read the same as signed 64-bit integers)
     //   ReadUnsigned64: unsigned signals of 64 bits or more
     enum ReadKind : uint8_t { ReadInteger, ReadUnsigned64, ReadSingle, ReadDouble, ReadZero } readKind;
-    // Look-ups by name may remember this signal (see hint_slot): its name and its
-    // message's name both have keys for the quick test (at most 31 bytes), and both
-    // are the first of their name.
+    // Look-ups by name may remember this signal (see Hint): its name and its
+    // message's name both have at most 31 bytes, and both are the first of their name.
     bool quick;
     NameKey key;  // the signal's name; only the first signal of a name matches
-    NameKey messageKey;  // the message's, for the quick test of both names at once
+    // With `quick`: the message's and the signal's names as the remembered paths
+    // compare them.
+    NamePair names;
     // ReadInteger: the sign bit of a signed signal, which (raw ^ signBit) - signBit
     // extends (at most bit 62), else 0; bit 63 alone for the other kinds, so that
     // one load tells the common case.
@@ -73,6 +74,16 @@ struct alignas(64) CanField {
 struct SignalSlot {
     uint32_t tag;
     uint32_t field;
+};
+
+// A field as decoding a classic frame on the word path reads it: its record's raw
+// value becomes (word >> shift) & mask, of the little-endian word or the byte-swapped
+// one by the list it is in. Kept apart from the CanFields so that decoding walks a
+// short, dense list and never chooses between the two words per field.
+struct ReadOp {
+    uint64_t* raw;  // the record's rawValue
+    uint64_t mask;  // 0 for an Intel field starting past the frame: reads 0
+    uint64_t shift;
 };
 
 // A field of a disjoint message, reduced to a rotation and a mask of the word.
@@ -100,30 +111,66 @@ struct MessageCodec {
     bool disjoint = false;
     uint32_t leFirst = 0, leCount = 0;  // packed Intel fields
     uint32_t beFirst = 0, beCount = 0;  // packed Motorola fields
+    // With allWordPath: the fields as decoding reads them, the Intel ones from
+    // `reads` to `readsBig`, then the Motorola ones up to `readsEnd`.
+    const ReadOp* reads = nullptr;
+    const ReadOp* readsBig = nullptr;
+    const ReadOp* readsEnd = nullptr;
     // Signal to try first in a look-up by name: the one after the last hit, since
     // applications tend to set and read a message's signals in the same order each
     // time. A message without signals points at no_field().
     mutable CanField* next = nullptr;
 };
 
-// Where a look-up by a signal's name remembers what it found: a slot chosen by the
-// address of the caller's name string. Applications pass the same strings (mostly
+// Where a look-up by name remembers what it found: a slot chosen by the address of
+// the caller's signal name string. Applications pass the same strings (mostly
 // literals) again and again, so the slot usually holds the right signal at once;
-// the signal is then confirmed by its own and its message's name, never taken on the
-// address. The slot is the string's offset in its page: it does not change with
-// where the program is loaded, strings that lie close together, as a program's
+// the signal is then confirmed by its own and its message's name, never taken on
+// the addresses. The slot is the string's offset in its page: it does not change
+// with where the program is loaded, strings that lie close together, as a program's
 // literals do, never share a slot, and whether 32 bytes can be read from the string
-// without leaving its page is a property of the slot. Slots where they cannot (and
-// slot 0, which a null pointer falls in) stay empty, so the quick test needs no
-// page check for the signal's name.
+// without leaving its page is a property of the slot. The slot also holds the page
+// offset of the message name string the signal was found with, which vouches for
+// that string in the same way: a signal is remembered only where 32 bytes can be
+// read from both strings, so a call whose message name string has the remembered
+// offset needs no page check. Slot 0 (a null pointer's) stays empty.
+//
+// The field and the offset share one word: the field's address shifted up by 16
+// bits, above the offset. An empty slot holds 0xFFFF, which is no offset; a field
+// whose address does not fit (none on today's 64-bit systems, whose user addresses
+// have at most 47 bits) is not remembered. Beside the word, the address of the
+// field's raw value in its record: reading a value then loads the raw value as soon
+// as it has the slot, without waiting for the field.
 constexpr unsigned kHintBits = 12;
-inline size_t hint_slot(const char* name) {
-    return static_cast<size_t>(reinterpret_cast<uintptr_t>(name) & ((uintptr_t{1} << kHintBits) - 1));
-}
-// Whether a signal found for `name` may be remembered in its slot.
-inline bool hint_slot_usable(const char* name) { return wide_load_ok(name); }
+inline uint64_t page_offset(const char* s) { return reinterpret_cast<uintptr_t>(s) & 4095u; }
+inline size_t hint_slot(const char* signalName) { return static_cast<size_t>(page_offset(signalName)); }
+static_assert(kHintBits == 12, "the slot is the offset in a 4 KB page");
+constexpr uint64_t kNoHint = 0xFFFF;
 
-using Hints = std::array<const CanField*, (size_t{1} << kHintBits)>;  // nullptr: empty
+inline uint64_t hint_of(const CanField* f, const char* messageName) {
+    return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(f)) << 16 | page_offset(messageName);
+}
+inline uint64_t hint_offset(uint64_t hint) { return hint & 0xFFFF; }
+inline const CanField* hint_field(uint64_t hint) {
+    return reinterpret_cast<const CanField*>(static_cast<uintptr_t>(hint >> 16));
+}
+
+// Whether the field found for these strings may be remembered.
+inline bool hint_usable(const CanField* f, const char* messageName, const char* signalName) {
+    return reinterpret_cast<uintptr_t>(f) >> 48 == 0 && wide_load_ok(messageName) && wide_load_ok(signalName);
+}
+
+struct Hints {
+    std::array<uint64_t, (size_t{1} << kHintBits)> field;  // hint_of(...), or kNoHint
+    std::array<uint64_t*, (size_t{1} << kHintBits)> raw;   // the field's sig->rawValue
+};
+
+inline Hints empty_hints() {
+    Hints h;
+    h.field.fill(kNoHint);
+    h.raw.fill(nullptr);
+    return h;
+}
 
 // The signal a message without signals offers first: its name matches no C string.
 CanField* no_field();

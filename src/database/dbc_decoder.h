@@ -137,8 +137,9 @@ public:
     int findSignal(int message, std::string_view name) const;
 
     // The work of the exported functions on a valid database (results as there).
-    // Setting and reading by name try the signal last found for the same name string
-    // first (confirmed by comparing its name and its message's name), then the message
+    // Setting and reading by name try the signal last found for the same signal name
+    // string first (see Hints; confirmed by comparing its name and its message's name
+    // with the strings), then the message
     // of the last look-up by name and the signal after the last one found, then the
     // name indexes; inline, so that the exported calls run without a further call in
     // the common case.
@@ -171,10 +172,13 @@ private:
     int cached_signal(int message, const char* name) const;
     // The signal remembered for this name string if both names confirm it, else null.
     const dbc_detail::CanField* remembered(const char* messageName, const char* signalName) const;
-    void remember(const dbc_detail::CanField& f, const char* signalName);
+    void remember(const dbc_detail::CanField& f, const char* messageName, const char* signalName);
     int set_signal_value_slow(const char* messageName, const char* signalName, double value);
     int get_signal_value_slow(const char* messageName, const char* signalName, double* value);
-    void decode_can(int message, const CAN_MSG& frame);
+    void decode_can(const dbc_detail::MessageCodec& c, const CAN_MSG& frame);
+    void decode_frame(const CAN_MSG& frame);
+    __attribute__((noinline)) void decode_frames(const CAN_MSG* frames, int count);
+    void decode_can_bytewise(const dbc_detail::MessageCodec& c, const CAN_MSG& frame);
     void build_can(int message, uint8_t out[8]);
 
     // Drops the codec tables while the lists are being filled.
@@ -182,17 +186,21 @@ private:
 
     bool codec_ready_ = false;       // fields_ / codecs_ match the lists
     mutable int last_message_ = -1;  // the message found by the last look-up by name
+    // With codec_ready_: the key (identifier and extended flag) of the last classic
+    // frame decoded and its message (null: none has it).
+    uint32_t last_frame_key_ = 0;
+    const dbc_detail::MessageCodec* last_frame_codec_ = nullptr;
     dbc_detail::HashIndex index_msg_name_;
     dbc_detail::HashIndex index_signal_;
     dbc_detail::HashIndex index_attr_def_;
     dbc_detail::IdIndex index_id_;
     std::vector<dbc_detail::CanField> fields_;
     std::vector<dbc_detail::PackedField> packed_;
+    std::vector<dbc_detail::ReadOp> reads_;
     std::vector<dbc_detail::MessageCodec> codecs_;
     std::vector<dbc_detail::SignalSlot> slots_;  // the messages' signal tables
-    // Signals found by name, by the address of the name (see hint_slot); all of them
-    // have `quick` set.
-    dbc_detail::Hints hints_{};
+    // Signals found by name, by the addresses of the names (see Hint).
+    dbc_detail::Hints hints_ = dbc_detail::empty_hints();
 };
 
 namespace dbc_detail {
@@ -201,13 +209,17 @@ namespace dbc_detail {
 // getSignalRealValue computes it from the record (raw x factor + offset, in the same
 // operations, so the results are the same bit for bit), including its one side
 // effect: a raw value beyond the signal's mask is cut back to it in the record.
-inline double read_physical(const CanField& f) {
+// `raw` is the field's sig->rawValue.
+inline __attribute__((always_inline)) double read_physical(const CanField& f, uint64_t* raw_value) {
     // Stored back unconditionally: the same value unless it had to be cut, and cheaper
     // than the test.
-    const uint64_t raw = f.sig->rawValue & f.scale.mask;
-    f.sig->rawValue = raw;
+    const uint64_t raw = *raw_value & f.scale.mask;
+    *raw_value = raw;
     const uint64_t sign = f.signBit;
-    if (__builtin_expect(sign >> 63 == 0, 1)) {  // ReadInteger
+    // Unsigned integers (most signals) first: one operation fewer between the raw
+    // value and the result.
+    if (__builtin_expect(sign == 0, 1)) return static_cast<double>(static_cast<int64_t>(raw)) * f.scale.factor + f.scale.offset;
+    if (__builtin_expect(sign >> 63 == 0, 1)) {  // ReadInteger, signed
         const int64_t v = static_cast<int64_t>((raw ^ sign) - sign);
         return static_cast<double>(v) * f.scale.factor + f.scale.offset;
     }
@@ -228,6 +240,8 @@ inline double read_physical(const CanField& f) {
     }
 }
 
+inline double read_physical(const CanField& f) { return read_physical(f, &f.sig->rawValue); }
+
 // Stores the raw value of a physical one; setting a multiplexed signal also selects
 // its page on the message's switch.
 inline __attribute__((always_inline)) void store_physical(const CanField& f, const MessageCodec& c, double value) {
@@ -238,13 +252,19 @@ inline __attribute__((always_inline)) void store_physical(const CanField& f, con
 
 }  // namespace dbc_detail
 
-// The common case runs without a call: the signal remembered for this name string,
-// confirmed by its name and its message's name (see both_names_quick; the slot
-// vouches for the signal name's place in its page).
+// The common case runs without a call: the signal remembered for these name strings,
+// confirmed by its name and its message's name (the slot vouches for both strings'
+// places in their pages).
 DBC_NO_SANITIZE_WIDE_LOADS inline __attribute__((always_inline)) const dbc_detail::CanField*
 DBC_Decoder::remembered(const char* messageName, const char* signalName) const {
-    const dbc_detail::CanField* f = hints_[dbc_detail::hint_slot(signalName)];
-    if (f != nullptr && dbc_detail::both_names_quick(f->messageKey, messageName, f->key, signalName)) return f;
+    const uint64_t h = hints_.field[dbc_detail::hint_slot(signalName)];
+    if (dbc_detail::hint_offset(h) != dbc_detail::page_offset(messageName)) return nullptr;
+    const dbc_detail::CanField* f = dbc_detail::hint_field(h);
+#if DBC_WIDE_NAME_LOADS
+    if (dbc_detail::same_pair(f->names, messageName, signalName)) return f;
+#else
+    if (dbc_detail::name_is_slow(f->owner->key, messageName) && dbc_detail::name_is_slow(f->key, signalName)) return f;
+#endif
     return nullptr;
 }
 
@@ -262,7 +282,7 @@ inline __attribute__((always_inline)) int DBC_Decoder::get_value(const char* mes
                                                                  double* value) {
     const dbc_detail::CanField* f = remembered(messageName, signalName);
     if (__builtin_expect(f != nullptr, 1)) {
-        *value = dbc_detail::read_physical(*f);
+        *value = dbc_detail::read_physical(*f, hints_.raw[dbc_detail::hint_slot(signalName)]);
         return 0;
     }
     return get_signal_value_slow(messageName, signalName, value);

@@ -49,12 +49,14 @@ uint64_t range_mask(int lo, int hi) {
 void DBC_Decoder::build_codec() {
     fields_.clear();
     packed_.clear();
+    reads_.clear();
     slots_.clear();
     codecs_.assign(messages.size(), dbc_detail::MessageCodec{});
     size_t total = 0;
     for (const DBC_MESSAGE& msg : messages) total += msg.signals.size();
     fields_.reserve(total);
     packed_.reserve(total);
+    reads_.reserve(total);
     for (size_t m = 0; m < messages.size(); ++m) {
         DBC_MESSAGE& msg = messages[m];
         dbc_detail::MessageCodec& c = codecs_[m];
@@ -116,6 +118,18 @@ void DBC_Decoder::build_codec() {
             fields_[i].page =
                 sig.multiplexKind == 1 && c.switchIndex >= 0 ? (sig.multiplexValue & 0xFFFFu) : UINT32_MAX;
         }
+        if (c.allWordPath) {
+            // reads_ holds room for every field: the addresses stay valid.
+            c.reads = reads_.data() + reads_.size();
+            for (uint8_t big = 0; big < 2; ++big) {
+                for (uint32_t i = c.first; i < c.first + c.count; ++i) {
+                    const dbc_detail::CanField& f = fields_[i];
+                    if (f.bigEndian == big) reads_.push_back(dbc_detail::ReadOp{&f.sig->rawValue, f.mask, f.readShift});
+                }
+                if (big == 0) c.readsBig = reads_.data() + reads_.size();
+            }
+            c.readsEnd = reads_.data() + reads_.size();
+        }
         if (c.switchIndex < 0) {
             // Disjoint fields of at most 64 bits within +-63 bits of the word can be
             // placed with one rotation: the bits that wrap around fall outside the mask.
@@ -150,10 +164,13 @@ void DBC_Decoder::build_codec() {
         c.slots = slots_.data() + c.slotFirst;
         for (dbc_detail::CanField* f = c.fields; f != c.end; ++f) {
             f->owner = &c;
-            f->messageKey = c.key;
             f->quick = f->key.care != 0 && c.key.care != 0;
+            if (f->quick) f->names = dbc_detail::make_pair_image(c.key, f->key);
         }
     }
+    const uint32_t zero = index_id_.find(0);  // an identifier to start the run with
+    last_frame_key_ = 0;
+    last_frame_codec_ = zero != UINT32_MAX ? &codecs_[zero] : nullptr;
     codec_ready_ = true;
 }
 
@@ -192,15 +209,24 @@ void DBC_Decoder::add_signal_table(dbc_detail::MessageCodec& c) {
     }
 }
 
-void DBC_Decoder::decode_can(int message, const CAN_MSG& frame) {
-    const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(message)];
-    const dbc_detail::CanField* f = fields_.data() + c.first;
+inline __attribute__((always_inline)) void DBC_Decoder::decode_can(const dbc_detail::MessageCodec& c,
+                                                                    const CAN_MSG& frame) {
     const uint64_t le = load_le64(frame.Data);
-    const uint64_t be = __builtin_bswap64(le);
-    if (c.allWordPath) {
-        for (uint32_t i = 0; i < c.count; ++i) f[i].sig->rawValue = ((f[i].bigEndian ? be : le) >> f[i].readShift) & f[i].mask;
+    if (__builtin_expect(c.allWordPath, 1)) {
+        for (const dbc_detail::ReadOp* op = c.reads; op != c.readsBig; ++op) *op->raw = (le >> op->shift) & op->mask;
+        const uint64_t be = __builtin_bswap64(le);
+        for (const dbc_detail::ReadOp* op = c.readsBig; op != c.readsEnd; ++op) *op->raw = (be >> op->shift) & op->mask;
         return;
     }
+    decode_can_bytewise(c, frame);
+}
+
+// A message with a Motorola field starting past the frame: that field read byte by
+// byte, the others on the word path.
+void DBC_Decoder::decode_can_bytewise(const dbc_detail::MessageCodec& c, const CAN_MSG& frame) {
+    const dbc_detail::CanField* f = c.fields;
+    const uint64_t le = load_le64(frame.Data);
+    const uint64_t be = __builtin_bswap64(le);
     for (uint32_t i = 0; i < c.count; ++i) {
         DBC_SIGNAL* s = f[i].sig;
         if (f[i].slowRead)
@@ -248,16 +274,36 @@ void DBC_Decoder::build_can(int message, uint8_t out[8]) {
     store_le64(out, w);
 }
 
+inline __attribute__((always_inline)) void DBC_Decoder::decode_frame(const CAN_MSG& frame) {
+    const uint32_t key = frame.ID | (static_cast<uint32_t>(frame.ExternFlag) << 31);
+    // Frames of one identifier often come in runs (a message polled, a log replayed
+    // message by message): then the message is known without the index, and the
+    // stores into its records need not wait for the index probe.
+    const dbc_detail::MessageCodec* c = last_frame_codec_;
+    if (__builtin_expect(key != last_frame_key_, 0)) {
+        const uint32_t m = index_id_.find_built(key);
+        c = m != UINT32_MAX ? &codecs_[m] : nullptr;
+        last_frame_key_ = key;
+        last_frame_codec_ = c;
+    }
+    if (c != nullptr) decode_can(*c, frame);
+}
+
 int DBC_Decoder::syncCANMsgToValue(const CAN_MSG* frames, int count) {
     if (frames == nullptr || count < 1) return 0;
-    if (!codec_ready_) reindex();
-    for (int i = 0; i < count; ++i) {
-        const CAN_MSG& frame = frames[i];
-        const uint32_t key = frame.ID | (static_cast<uint32_t>(frame.ExternFlag) << 31);
-        const int m = findMessageById(key);
-        if (m >= 0) decode_can(m, frame);
+    // One frame per call is common (a frame handed on as it arrives): that path keeps
+    // no registers across frames, and so saves none.
+    if (__builtin_expect(count == 1 && codec_ready_, 1)) {
+        decode_frame(frames[0]);
+        return 0;
     }
+    decode_frames(frames, count);
     return 0;
+}
+
+void DBC_Decoder::decode_frames(const CAN_MSG* frames, int count) {
+    if (!codec_ready_) reindex();
+    for (int i = 0; i < count; ++i) decode_frame(frames[i]);
 }
 
 int DBC_Decoder::syncCANFDMsgToValue(const CANFD_MSG* frames, int count) {

@@ -76,6 +76,10 @@ public:
     void insert_first(uint32_t id, uint32_t pos);
     uint32_t find(uint32_t id) const {  // UINT32_MAX when absent
         if (slots_.empty()) return UINT32_MAX;
+        return find_built(id);
+    }
+    // The same once reserve() has made the table (any reserve does).
+    uint32_t find_built(uint32_t id) const {
         size_t i = home(id);
         for (;;) {
             const Slot& s = slots_[i];
@@ -244,33 +248,50 @@ DBC_NO_SANITIZE_WIDE_LOADS inline bool name_is_quick(const NameKey& k, const cha
 #endif
 }
 
-// True when the C strings `a` and `b` are certainly the names of the keys `ka` and
-// `kb`, false when they are not or when this test cannot tell (then `a` lies near the
-// start or end of its page, or is null). Both keys must have care != 0. Unlike `a`,
-// `b` is not checked: it must not be null and must lie at least 32 bytes before the
-// end of its page (wide_load_ok). The compiler must know nothing of the objects
-// behind `a` and `b` (see opaque). Both names are judged together, with one branch;
-// `a`, a message name, mostly fits in the first 16 bytes, and the test for that is
-// the same in every call for the same message.
-DBC_NO_SANITIZE_WIDE_LOADS inline bool both_names_quick(const NameKey& ka, const char* a, const NameKey& kb,
-                                                        const char* b) {
-#if DBC_WIDE_NAME_LOADS
-    if (!wide_load_ok(a)) return false;
-    auto equal16 = [](const char* s, const char* text) DBC_NO_SANITIZE_WIDE_LOADS {
-        return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(
-            _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)), _mm_load_si128(reinterpret_cast<const __m128i*>(text)))));
-    };
-    // A name of up to 15 bytes ignores the upper 16 bytes: they are not loaded.
-    const uint32_t ia = ka.ignore, ib = kb.ignore;
-    uint32_t ea = equal16(a, ka.text) | ia;
-    if (ia < 0xFFFF0000u) ea |= equal16(a + 16, ka.text + 16) << 16;
-    uint32_t eb = equal16(b, kb.text) | ib;
-    if (ib < 0xFFFF0000u) eb |= equal16(b + 16, kb.text + 16) << 16;
-    return (ea & eb) == UINT32_MAX;
-#else
-    return name_is_slow(ka, a) && name_is_slow(kb, b);
-#endif
+// Two names of at most 31 bytes, a message's and a signal's, as the remembered paths
+// compare them with the first 32 bytes of two C strings. Each byte compared gives
+// one bit of a 64-bit word: bits 0..15 the message name's first 16 bytes, 16..31 and
+// 32..47 the signal name's 32, 48..63 the message name's second 16 bytes; `ignore`
+// has ones for the bytes past each name's NUL, which the C strings may hold
+// anything in. Both names are then judged with one test, and a second half is
+// compared only where `ignore` does not cover it whole: most names fit in 16 bytes
+// with their NUL, and the test for that is the same in every call for the same
+// names.
+struct NamePair {
+    alignas(16) char message[32];  // zero-padded
+    alignas(16) char signal[32];
+    uint64_t ignore;
+};
+
+inline NamePair make_pair_image(const NameKey& message, const NameKey& signal) {  // both care != 0
+    NamePair p{};
+    std::memcpy(p.message, message.text, sizeof p.message);
+    std::memcpy(p.signal, signal.text, sizeof p.signal);
+    const uint64_t m = message.ignore, s = signal.ignore;
+    p.ignore = (m & 0xFFFFu) | (static_cast<uint64_t>(s) << 16) | ((m >> 16) << 48);
+    return p;
 }
+
+#if DBC_WIDE_NAME_LOADS
+// True when the C strings `a` and `b` are the message and signal names of `p`. 32
+// bytes must be readable from both strings (their page offsets tell: see
+// wide_load_ok), and the compiler must know nothing of the objects behind them (see
+// opaque).
+DBC_NO_SANITIZE_WIDE_LOADS inline bool same_pair(const NamePair& p, const char* a, const char* b) {
+    auto equal16 = [](const char* s, const char* text) DBC_NO_SANITIZE_WIDE_LOADS {
+        return static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(s)), _mm_load_si128(reinterpret_cast<const __m128i*>(text))))));
+    };
+    const uint64_t ignore = p.ignore;
+    uint64_t equal = ignore | equal16(a, p.message) | (equal16(b, p.signal) << 16);
+    const uint32_t high = static_cast<uint32_t>(ignore >> 32);  // the second halves
+    if (high != 0xFFFFFFFFu) {  // a long name
+        if (static_cast<uint16_t>(high) != 0xFFFFu) equal |= equal16(b + 16, p.signal + 16) << 32;
+        if (high < 0xFFFF0000u) equal |= equal16(a + 16, p.message + 16) << 48;
+    }
+    return equal == ~uint64_t{0};
+}
+#endif
 
 // Whether the C string `s` is the key's name.
 inline bool name_is(const NameKey& k, const char* s) {

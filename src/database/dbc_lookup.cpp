@@ -61,10 +61,11 @@ void DBC_Decoder::invalidate_codec() {
     codec_ready_ = false;
     fields_.clear();
     packed_.clear();
+    reads_.clear();
     slots_.clear();
     codecs_.clear();
     last_message_ = -1;
-    hints_.fill(nullptr);
+    hints_ = dbc_detail::empty_hints();
 }
 
 bool DBC_Decoder::getMessage(const std::string& name, DBC_MESSAGE** out) {
@@ -164,8 +165,12 @@ int DBC_Decoder::findSignal(int message, const char* name) const {
     return findSignal(message, std::string_view(name));
 }
 
-void DBC_Decoder::remember(const dbc_detail::CanField& f, const char* signalName) {
-    if (f.quick && dbc_detail::hint_slot_usable(signalName)) hints_[dbc_detail::hint_slot(signalName)] = &f;
+void DBC_Decoder::remember(const dbc_detail::CanField& f, const char* messageName, const char* signalName) {
+    if (f.quick && dbc_detail::hint_usable(&f, messageName, signalName)) {
+        const size_t slot = dbc_detail::hint_slot(signalName);
+        hints_.field[slot] = dbc_detail::hint_of(&f, messageName);
+        hints_.raw[slot] = &f.sig->rawValue;
+    }
 }
 
 int DBC_Decoder::set_signal_value_slow(const char* messageName, const char* signalName, double value) {
@@ -176,7 +181,7 @@ int DBC_Decoder::set_signal_value_slow(const char* messageName, const char* sign
     const int s = cached_signal(m, signalName);
     if (s < 0) return DBC_ERR_NOT_FOUND;
     const dbc_detail::MessageCodec& c = codecs_[static_cast<size_t>(m)];
-    remember(c.fields[s], signalName);
+    remember(c.fields[s], messageName, signalName);
     dbc_detail::store_physical(c.fields[s], c, value);
     return DBC_OK;
 }
@@ -189,7 +194,7 @@ int DBC_Decoder::get_signal_value_slow(const char* messageName, const char* sign
     const int s = cached_signal(m, signalName);
     if (s < 0) return DBC_ERR_NOT_FOUND;
     dbc_detail::CanField& f = codecs_[static_cast<size_t>(m)].fields[s];
-    remember(f, signalName);
+    remember(f, messageName, signalName);
     *value = dbc_detail::read_physical(f);
     return DBC_OK;
 }

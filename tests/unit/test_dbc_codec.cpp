@@ -320,4 +320,48 @@ TEST_F(DbcCodecFrames, OverlappingSignalsAreWrittenInFileOrder) {
     EXPECT_EQ(data(build(h, "Over")), Bytes({0x81, 0xFF, 0, 0, 0, 0, 0, 0}));  // Moto, written last, covers byte 0
 }
 
+// Frames one per call, as an application hands them on: runs of one identifier,
+// the same identifier with the other frame format, unknown identifiers, identifier
+// 0, and identifiers changed by editing the records between frames.
+TEST_F(DbcCodecFrames, RunsOfOneIdentifierAmongOthers) {
+    load("BO_ 256 Std: 8 N\n SG_ A : 0|8@1+ (1,0) [0|255] \"\" N\n"
+         "BO_ 2147483904 Ext: 8 N\n SG_ B : 8|8@1+ (1,0) [0|255] \"\" N\n"
+         "BO_ 0 Zero: 8 N\n SG_ Z : 56|8@1+ (1,0) [0|255] \"\" N\n");
+    dbc_test::decode(h, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0x5A});  // first frame after loading: identifier 0
+    EXPECT_EQ(value(h, "Zero", "Z"), 0x5A);
+    const struct {
+        uint32_t id;
+        uint8_t ext;
+        uint8_t byte;
+    } frames[] = {{0x100, 0, 1}, {0x100, 0, 2}, {0x100, 1, 3}, {0x100, 1, 4}, {0x100, 0, 5},
+                  {0x7FF, 0, 6}, {0x7FF, 0, 7}, {0x100, 0, 8}, {0x100, 1, 9}, {0, 0, 10}};
+    double a = 0, b = 0, z = 0x5A;
+    for (const auto& f : frames) {
+        dbc_test::decode(h, f.id, f.ext, {f.byte, f.byte, f.byte, f.byte, f.byte, f.byte, f.byte, f.byte});
+        if (f.id == 0x100 && f.ext == 0) a = f.byte;
+        if (f.id == 0x100 && f.ext == 1) b = f.byte;
+        if (f.id == 0) z = f.byte;
+        ASSERT_EQ(value(h, "Std", "A"), a) << int(f.byte);
+        ASSERT_EQ(value(h, "Ext", "B"), b) << int(f.byte);
+        ASSERT_EQ(value(h, "Zero", "Z"), z) << int(f.byte);
+    }
+    // The message of the last frame gets another identifier: frames of the old one
+    // reach nothing, frames of the new one reach it.
+    DBC_Decoder& db = dbc_test::db_of(h);
+    dbc_test::decode(h, 0x100, 0, {11});
+    DBC_MESSAGE renamed = db.messages[0];
+    renamed.id = 0x123;
+    ASSERT_TRUE(db.updateMessage("Std", renamed));
+    dbc_test::decode(h, 0x100, 0, {12});
+    EXPECT_EQ(value(h, "Std", "A"), 11);
+    dbc_test::decode(h, 0x123, 0, {13});
+    EXPECT_EQ(value(h, "Std", "A"), 13);
+    // A database without a message of identifier 0.
+    load("BO_ 5 Five: 8 N\n SG_ F : 0|8@1+ (1,0) [0|255] \"\" N\n");
+    dbc_test::decode(h, 0, 0, {1});
+    dbc_test::decode(h, 5, 0, {2});
+    dbc_test::decode(h, 0, 0, {3});
+    EXPECT_EQ(value(h, "Five", "F"), 2);
+}
+
 }  // namespace

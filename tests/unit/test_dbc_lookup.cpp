@@ -239,6 +239,52 @@ TEST(DbcLookupNames, OneBufferForEveryNameAndStringsSharingAMemorySlot) {
     }
 }
 
+// A remembered signal also notes where in its page the message name string lay;
+// another string at the same place in another page, or at a page's very start, must
+// still be compared as it is.
+TEST(DbcLookupNames, MessageStringsAtOnePlaceInDifferentPages) {
+    auto db = parse(
+        "BO_ 1 First: 8 N\n SG_ S : 0|8@1+ (1,0) [0|255] \"\" N\n"
+        "BO_ 2 Second: 8 N\n SG_ S : 0|8@1+ (1,0) [0|255] \"\" N\n"
+        "BO_ 3 Message_name_of_21_by: 8 N\n SG_ S : 0|8@1+ (1,0) [0|255] \"\" N\n");
+    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    void* p = ::mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(p, MAP_FAILED);
+    char* const base = static_cast<char*>(p);
+    const char* const names[] = {"First", "Second", "Message_name_of_21_by"};
+    const char* const sig = "S";  // one signal string for every call
+    for (int round = 0; round < 4; ++round) {
+        for (int m = 0; m < 3; ++m) {
+            char* s = base + static_cast<size_t>(m) * page + 100;  // offset 100 in each page
+            std::strcpy(s, names[m]);
+            ASSERT_EQ(db->setSignalValue(s, sig, 10 * round + m), 0) << names[m];
+            double v = -1;
+            ASSERT_EQ(db->getSignalValue(s, sig, &v), 0) << names[m];
+            EXPECT_EQ(v, 10 * round + m) << names[m];
+        }
+        for (int m = 0; m < 3; ++m) {
+            double v = -1;
+            ASSERT_EQ(db->getSignalValue(base + static_cast<size_t>(m) * page + 100, sig, &v), 0) << names[m];
+            EXPECT_EQ(v, 10 * round + m) << names[m];
+        }
+        // The same place, a name of no message, or of another one.
+        std::strcpy(base + page + 100, "Secone");
+        double v = -1;
+        EXPECT_EQ(db->getSignalValue(base + page + 100, sig, &v), DBC_ERR_NOT_FOUND);
+        std::strcpy(base + page + 100, "First");
+        ASSERT_EQ(db->getSignalValue(base + page + 100, sig, &v), 0);
+        EXPECT_EQ(v, 10 * round);
+        // At a page's start (never remembered) and right after the remembered call.
+        std::strcpy(base + 2 * page, "Second");
+        ASSERT_EQ(db->getSignalValue(base + 2 * page, sig, &v), 0);
+        EXPECT_EQ(v, 10 * round + 1);
+        std::strcpy(base + 2 * page, "Secon");
+        EXPECT_EQ(db->getSignalValue(base + 2 * page, sig, &v), DBC_ERR_NOT_FOUND);
+        EXPECT_EQ(db->getSignalValue(nullptr, sig, &v), DBC_ERR_NOT_FOUND);
+    }
+    ::munmap(p, 3 * page);
+}
+
 TEST(DbcLookupNames, LongNamesAndNamesAlikeButForOneByte) {
     const std::string m40(40, 'm');
     std::string text = "BO_ 1 " + m40 + ": 8 N\n";
