@@ -57,6 +57,19 @@ int read_pwm_channel(Table& t, const std::string& key, const world::AdapterSpec&
 
 // ---- [[adc_input]] ----------------------------------------------------------------------
 
+// Reads the "adapter:N" a table names under `key`, a unit that only one table of the
+// kind may name; the table goes by `<kind> 'adapter:N'` in messages from then on.
+std::shared_ptr<world::AdapterSpec> claim_unit(Table& t, Context& ctx, const char* key, const std::string& kind,
+                                               const std::string& units, int count, const std::string& unit,
+                                               std::string& adapter, int& index) {
+    auto declared = world::find_channel(t, ctx, t.required(key), units, count, adapter, index);
+    const std::string at = adapter + ":" + std::to_string(index);
+    t.rename(kind + " '" + at + "'");
+    if (ctx.find<int>(kind, at)) t.fail_at(key, unit + " " + at + " is given twice");
+    ctx.declare(kind, at, std::make_shared<int>(index));
+    return declared;
+}
+
 class InputPiece : public Piece {
 public:
     std::string adapter;
@@ -67,11 +80,8 @@ public:
 
 std::unique_ptr<Piece> read_input(Table& t, Context& ctx) {
     auto piece = std::make_unique<InputPiece>();
-    const auto declared = world::find_channel(t, ctx, t.required("input"), "ADC inputs", 8, piece->adapter, piece->input);
-    const std::string key = piece->adapter + ":" + std::to_string(piece->input);
-    t.rename("adc_input '" + key + "'");
-    if (ctx.find<int>("adc_input", key)) t.fail_at("input", "input " + key + " is given twice");
-    ctx.declare("adc_input", key, std::make_shared<int>(piece->input));
+    const auto declared =
+        claim_unit(t, ctx, "input", "adc_input", "ADC inputs", 8, "input", piece->adapter, piece->input);
 
     AnalogSignal& s = piece->signal;
     const std::string kind = t.string("signal");
@@ -134,11 +144,8 @@ public:
 std::unique_ptr<Piece> read_capture(Table& t, Context& ctx) {
     auto piece = std::make_unique<CapturePiece>();
     int input = 0;
-    const auto declared = world::find_channel(t, ctx, t.required("input"), "capture inputs", 4, piece->adapter, input);
-    const std::string key = piece->adapter + ":" + std::to_string(input);
-    t.rename("pwm_capture '" + key + "'");
-    if (ctx.find<int>("pwm_capture", key)) t.fail_at("input", "capture input " + key + " is given twice");
-    ctx.declare("pwm_capture", key, std::make_shared<int>(input));
+    const auto declared =
+        claim_unit(t, ctx, "input", "pwm_capture", "capture inputs", 4, "capture input", piece->adapter, input);
     piece->wiring = wiring_of<PwmWiring>(ctx, "pwm_wiring", piece->adapter);
     piece->wiring->capture_source[input] = t.has("pwm") ? read_pwm_channel(t, "pwm", *declared) : -1;
     return piece;
@@ -159,11 +166,8 @@ public:
 std::unique_ptr<Piece> read_counter(Table& t, Context& ctx) {
     auto piece = std::make_unique<CounterPiece>();
     int counter = 0;
-    const auto declared = world::find_channel(t, ctx, t.required("counter"), "counters", 4, piece->adapter, counter);
-    const std::string key = piece->adapter + ":" + std::to_string(counter);
-    t.rename("counter_input '" + key + "'");
-    if (ctx.find<int>("counter_input", key)) t.fail_at("counter", "counter " + key + " is given twice");
-    ctx.declare("counter_input", key, std::make_shared<int>(counter));
+    const auto declared =
+        claim_unit(t, ctx, "counter", "counter_input", "counters", 4, "counter", piece->adapter, counter);
     if (t.has("pwm") && t.has("gpio_pin")) t.fail_at("gpio_pin", "a counter counts a PWM output or a GPIO pin, not both");
     piece->wiring = wiring_of<CounterWiring>(ctx, "counter_wiring", piece->adapter);
     piece->wiring->pwm_source[counter] = t.has("pwm") ? read_pwm_channel(t, "pwm", *declared) : -1;
