@@ -58,29 +58,20 @@ namespace {
 
 using SigmaskFn = int (*)(int, const sigset_t*, sigset_t*);
 
-SigmaskFn next_fn(const char* name) {
-    return reinterpret_cast<SigmaskFn>(dlsym(RTLD_NEXT, name));
-}
-
-SigmaskFn real_pthread_sigmask() {
-    static std::atomic<SigmaskFn> fn{nullptr};
-    SigmaskFn f = fn.load(std::memory_order_acquire);
+// The next definition of `name` after ours (libc's, or a preload's), looked up once.
+template <typename Fn>
+Fn next_symbol(const char* name, std::atomic<Fn>& cache) {
+    Fn f = cache.load(std::memory_order_acquire);
     if (!f) {
-        f = next_fn("pthread_sigmask");
-        fn.store(f, std::memory_order_release);
+        f = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+        cache.store(f, std::memory_order_release);
     }
     return f;
 }
 
-SigmaskFn real_sigprocmask() {
-    static std::atomic<SigmaskFn> fn{nullptr};
-    SigmaskFn f = fn.load(std::memory_order_acquire);
-    if (!f) {
-        f = next_fn("sigprocmask");
-        fn.store(f, std::memory_order_release);
-    }
-    return f;
-}
+std::atomic<SigmaskFn> g_real_pthread_sigmask{nullptr}, g_real_sigprocmask{nullptr};
+SigmaskFn real_pthread_sigmask() { return next_symbol("pthread_sigmask", g_real_pthread_sigmask); }
+SigmaskFn real_sigprocmask() { return next_symbol("sigprocmask", g_real_sigprocmask); }
 
 // Address range of the preload's code; {1, 0} when it is not loaded.
 std::atomic<uintptr_t> g_lo{0}, g_hi{0};
@@ -263,22 +254,14 @@ extern "C" __attribute__((visibility("default"))) int usleep(useconds_t usec) {
 
 namespace {
 
+using polybus_sim::next_symbol;
+
 std::atomic<polybus_sim_ioctl_hook> g_ioctl_hook{nullptr};
 std::atomic<polybus_sim_close_hook> g_close_hook{nullptr};
 
 // Descriptors the close hook must hear about; larger numbers always reach it.
 constexpr int kWatched = 4096;
 std::atomic<bool> g_watched[kWatched];
-
-template <typename Fn>
-Fn next_symbol(const char* name, std::atomic<Fn>& cache) {
-    Fn f = cache.load(std::memory_order_acquire);
-    if (!f) {
-        f = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-        cache.store(f, std::memory_order_release);
-    }
-    return f;
-}
 
 using IoctlFn = int (*)(int, unsigned long, void*);
 using CloseFn = int (*)(int);
